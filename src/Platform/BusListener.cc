@@ -1,0 +1,65 @@
+#include "Platform/BusListener.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <stdexcept>
+
+struct BusListener::Impl {
+  std::unique_ptr<sdbus::IConnection> connection;
+  std::unique_ptr<sdbus::IObject> object;
+};
+
+BusListener::BusListener(const Address& address, Handler handler) : impl_(new Impl) {
+  try {
+    impl_->connection = sdbus::createSessionBusConnection(address.busName);
+    impl_->object = sdbus::createObject(*impl_->connection, address.objectPath);
+    sdbus::IObject* object = impl_->object.get();
+    impl_->object->registerMethod(address.method)
+        .onInterface(address.interface)
+        .implementedAs([object, handler = std::move(handler)]() {
+          const sdbus::Message* call = object->getCurrentlyProcessedMessage();
+          try {
+            handler(call != nullptr ? call->getSender() : std::string());
+          } catch (const std::exception& e) {
+            // The library answers the call with this error.
+            throw sdbus::Error("org.freedesktop.DBus.Error.Failed", e.what());
+          }
+        });
+    impl_->object->finishRegistration();
+  } catch (const sdbus::Error& e) {
+    throw std::runtime_error(std::string("Cannot serve on the session bus: ") + e.what());
+  }
+}
+
+BusListener::~BusListener() {
+  try {
+    stop();
+    impl_->object.reset();
+    impl_->connection.reset();
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): nothing to do while closing
+  }
+}
+
+void BusListener::run() {
+  try {
+    impl_->connection->enterEventLoop();
+  } catch (const sdbus::Error& e) {
+    throw std::runtime_error(std::string("Lost the session bus: ") + e.what());
+  }
+}
+
+void BusListener::runInBackground() {
+  try {
+    impl_->connection->enterEventLoopAsync();
+  } catch (const sdbus::Error& e) {
+    throw std::runtime_error(std::string("Cannot serve on the session bus: ") + e.what());
+  }
+}
+
+void BusListener::stop() {
+  try {
+    impl_->connection->leaveEventLoop();
+  } catch (const sdbus::Error& e) {
+    throw std::runtime_error(std::string("Cannot stop serving: ") + e.what());
+  }
+}

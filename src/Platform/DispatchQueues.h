@@ -1,0 +1,56 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
+#include <memory>
+#include <thread>
+
+#include "Platform/Scheduler.h"
+
+// The process's queues:
+//  - the global queue: one shared thread pool for background work, timers and
+//    passes (dispatchAsync / dispatchAfter);
+//  - the main operation queue: one serial executor on a thread of its own, the
+//    delegate queue of network sessions and of every server completion;
+//  - private serial queues: strands on the pool (makeSerialQueue).
+// Every piece of work runs under a guard: an exception that escapes it is logged
+// and dropped, so that no work item can end the process.
+class DispatchQueues : public Scheduler {
+ public:
+  using Executor = asio::thread_pool::executor_type;
+  using MainExecutor = asio::io_context::executor_type;
+  using SerialQueue = asio::strand<Executor>;
+
+  // The process-wide queues, started on first use and never stopped.
+  static DispatchQueues& shared();
+
+  explicit DispatchQueues(std::size_t poolThreads);
+  ~DispatchQueues() override;
+  DispatchQueues(const DispatchQueues&) = delete;
+  DispatchQueues& operator=(const DispatchQueues&) = delete;
+
+  void dispatchAsync(Work work) override;
+  void dispatchAfter(std::chrono::nanoseconds delay, Work work) override;
+
+  // Runs `work` on the main operation queue, in submission order, one at a time.
+  void dispatchMain(Work work);
+  bool isMainQueueThread() const { return std::this_thread::get_id() == mainThreadId_; }
+
+  // Runs `work` on `queue` after every earlier work of that queue.
+  static void dispatchSerial(const SerialQueue& queue, Work work);
+  SerialQueue makeSerialQueue();
+
+  Executor globalExecutor() { return pool_.get_executor(); }
+  MainExecutor mainExecutor() { return main_.get_executor(); }
+
+  // The guard every work item runs under.
+  static void runGuarded(const Work& work);
+
+ private:
+  asio::thread_pool pool_;
+  asio::io_context main_;
+  asio::executor_work_guard<MainExecutor> mainWork_;
+  std::thread mainThread_;
+  std::thread::id mainThreadId_;
+};

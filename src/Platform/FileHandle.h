@@ -1,0 +1,19 @@
+#pragma once
+
+#include <memory>
+
+// An open file descriptor shared by every copy of a value that carries it. The
+// descriptor is closed when the last copy goes away.
+class FileHandle {
+ public:
+  // Takes ownership of `descriptor` (closed on destruction when not negative).
+  explicit FileHandle(int descriptor);
+  ~FileHandle();
+  FileHandle(const FileHandle&) = delete;
+  FileHandle& operator=(const FileHandle&) = delete;
+
+  int fileDescriptor() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};

@@ -1,0 +1,71 @@
+#include "Platform/Log.h"
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+struct LogState {
+  std::mutex mutex;
+  bool toStandardError = false;
+  std::shared_ptr<Log::Sink> capture;
+  bool opened = false;
+};
+
+// Never destroyed: work on other threads may still log while the process exits.
+LogState& state() {
+  static auto* s = new LogState;
+  return *s;
+}
+
+}  // namespace
+
+void Log::enableStandardError(bool enabled) {
+  std::lock_guard lock(state().mutex);
+  state().toStandardError = enabled;
+}
+
+void Log::setCapture(Sink sink) {
+  std::lock_guard lock(state().mutex);
+  state().capture = sink ? std::make_shared<Sink>(std::move(sink)) : nullptr;
+}
+
+void Log::line(const std::string& text) {
+  std::shared_ptr<Sink> capture;
+  {
+    std::lock_guard lock(state().mutex);
+    if (!state().opened) {
+      ::openlog("SharedFilesXpcService", LOG_PID, LOG_USER);
+      state().opened = true;
+    }
+    ::syslog(LOG_NOTICE, "%s", text.c_str());
+    if (state().toStandardError) {
+      std::fprintf(stderr, "%s\n", text.c_str());  // NOLINT(cert-err33-c): nothing to do on failure
+      std::fflush(stderr);                          // NOLINT(cert-err33-c)
+    }
+    capture = state().capture;
+  }
+  if (capture) (*capture)(text);
+}
+
+void Log::printf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list copy;
+  va_copy(copy, args);
+  int length = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string text;
+  if (length > 0) {
+    std::vector<char> buffer(static_cast<std::size_t>(length) + 1);
+    std::vsnprintf(buffer.data(), buffer.size(), format, args);
+    text.assign(buffer.data(), static_cast<std::size_t>(length));
+  }
+  va_end(args);
+  line(text);
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+// The service's one log facility. Every line goes to the system log under the
+// identity "SharedFilesXpcService" with one priority (the service has no levels);
+// with standard error enabled each line is also written there, one per line.
+// Texts are the service's own and are written exactly as given.
+// Thread-safe.
+class Log {
+ public:
+  using Sink = std::function<void(const std::string& line)>;
+
+  // Also writes every line to standard error (the --log-stderr option).
+  static void enableStandardError(bool enabled);
+
+  static void line(const std::string& text);
+  // printf-style formatting of a fixed text.
+  static void printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+  // Tests: every line is also handed to `sink` (an empty function removes it).
+  // The sink is called outside the facility's lock.
+  static void setCapture(Sink sink);
+};

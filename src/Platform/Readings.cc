@@ -1,0 +1,94 @@
+#include "Platform/Readings.h"
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "Platform/ValueError.h"
+
+namespace {
+
+constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+
+bool isSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// Truncates toward zero and saturates; NaN reads as 0.
+std::int64_t truncated(double d) {
+  if (std::isnan(d)) return 0;
+  if (d >= 9223372036854775808.0) return kMax;
+  if (d < -9223372036854775808.0) return kMin;
+  return static_cast<std::int64_t>(d);
+}
+
+}  // namespace
+
+std::int64_t Readings::integerFromText(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size() && isSpace(text[i])) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+    negative = text[i] == '-';
+    ++i;
+  }
+  // Accumulate as a negative number so that the minimum is representable.
+  std::int64_t result = 0;
+  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+    int digit = text[i] - '0';
+    if (result < (kMin + digit) / 10) return negative ? kMin : kMax;
+    result = result * 10 - digit;
+  }
+  if (negative) return result;
+  return result == kMin ? kMax : -result;
+}
+
+std::int64_t Readings::integerValue(const Value* value) {
+  if (value == nullptr) return 0;
+  if (const std::string* s = value->string()) return integerFromText(*s);
+  if (const Value::Number* n = value->number()) {
+    if (const bool* b = std::get_if<bool>(n)) return *b ? 1 : 0;
+    if (const std::int64_t* i = std::get_if<std::int64_t>(n)) return *i;
+    if (const std::uint64_t* u = std::get_if<std::uint64_t>(n)) return static_cast<std::int64_t>(*u);
+    return truncated(std::get<double>(*n));
+  }
+  throw ValueError("integerValue: a " + std::string(value->kindName()) + " has no integer value");
+}
+
+std::int64_t Readings::integerValue(const std::optional<Value>& value) {
+  return integerValue(value ? &*value : nullptr);
+}
+
+std::int64_t Readings::integerValue(const std::optional<nlohmann::json>& value) {
+  if (!value) return 0;
+  const nlohmann::json& j = *value;
+  switch (j.type()) {
+    case nlohmann::json::value_t::string:
+      return integerFromText(j.get_ref<const std::string&>());
+    case nlohmann::json::value_t::boolean:
+      return j.get<bool>() ? 1 : 0;
+    case nlohmann::json::value_t::number_integer:
+      return j.get<std::int64_t>();
+    case nlohmann::json::value_t::number_unsigned:
+      return static_cast<std::int64_t>(j.get<std::uint64_t>());
+    case nlohmann::json::value_t::number_float:
+      return truncated(j.get<double>());
+    default:
+      throw ValueError(std::string("integerValue: a JSON ") + j.type_name() +
+                       " has no integer value");
+  }
+}
+
+bool Readings::isEqual(const Value* a, const Value* b) {
+  return a != nullptr && b != nullptr && *a == *b;
+}
+
+bool Readings::isEqualToText(const Value* value, std::string_view text) {
+  const std::string* s = value == nullptr ? nullptr : value->string();
+  return s != nullptr && *s == text;
+}
+
+bool Readings::isEqualToText(const std::optional<nlohmann::json>& value, std::string_view text) {
+  return value && value->is_string() && value->get_ref<const std::string&>() == text;
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "Platform/Value.h"
+
+// How the service reads values, preference and server values alike, the way the
+// platform's objects answer the same messages:
+//  - integer reading: leading white space skipped, an optional sign, then digits up
+//    to the first non-digit ("12abc" is 12, "abc" is 0); numbers give their integer
+//    value (doubles truncate toward zero), booleans 0 or 1;
+//  - an absent value answers like a message to nil: 0, false, never equal;
+//  - a value of a kind that has no integer (array, dictionary, data, JSON null, ...)
+//    throws ValueError, as the platform raises for an unrecognised message.
+class Readings {
+ public:
+  // The integer at the start of `text`; saturates at the 64-bit limits.
+  static std::int64_t integerFromText(std::string_view text);
+
+  static std::int64_t integerValue(const Value* value);
+  static std::int64_t integerValue(const std::optional<Value>& value);
+  static std::int64_t integerValue(const std::optional<nlohmann::json>& value);
+
+  // isEqual: an absent value is equal to nothing, not even another absent value.
+  static bool isEqual(const Value* a, const Value* b);
+  // The value is a string holding exactly `text` (case-sensitive; a number never is).
+  static bool isEqualToText(const Value* value, std::string_view text);
+  static bool isEqualToText(const std::optional<nlohmann::json>& value, std::string_view text);
+};

@@ -1,0 +1,194 @@
+#include "Platform/UserDefaults.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+#include "Platform/Log.h"
+#include "Platform/PropertyList.h"
+
+namespace {
+
+std::string configFolder() {
+  const char* xdg = std::getenv("XDG_CONFIG_HOME");  // NOLINT(concurrency-mt-unsafe)
+  if (xdg != nullptr && xdg[0] == '/') return xdg;
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
+  if (home == nullptr || home[0] == '\0') {
+    struct passwd pw {};
+    struct passwd* found = nullptr;
+    char buffer[4096];
+    if (getpwuid_r(getuid(), &pw, buffer, sizeof buffer, &found) == 0 && found != nullptr) {
+      return std::string(found->pw_dir) + "/.config";
+    }
+    return "/tmp/.config";
+  }
+  return std::string(home) + "/.config";
+}
+
+enum class ReadState { kMissing, kRead, kUnreadable };
+
+struct ReadResult {
+  ReadState state = ReadState::kMissing;
+  Value::Dictionary domain;
+};
+
+std::system_error systemError(const std::string& what, const std::string& path) {
+  return {errno, std::generic_category(), what + " " + path};
+}
+
+// Reads the whole file; nullopt when it does not exist.
+std::optional<std::string> readFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+    throw systemError("Cannot open", path);
+  }
+  std::string bytes;
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      throw systemError("Cannot read", path);
+    }
+    if (n == 0) break;
+    bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return bytes;
+}
+
+// Logs an unreadable suite once for each version of the file.
+void reportUnreadable(const std::string& path, const std::string& reason) {
+  static std::mutex mutex;
+  static std::set<std::string> reported;
+  struct stat st {};
+  std::string version = path;
+  if (::stat(path.c_str(), &st) == 0) {
+    version += "@" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
+               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+  }
+  {
+    std::lock_guard lock(mutex);
+    if (!reported.insert(version).second) return;
+  }
+  Log::printf("Preferences %s are unreadable (%s); read as empty", path.c_str(), reason.c_str());
+}
+
+ReadResult readSuite(const std::string& path) {
+  ReadResult result;
+  std::optional<std::string> bytes;
+  try {
+    bytes = readFile(path);
+  } catch (const std::system_error& e) {
+    reportUnreadable(path, e.what());
+    result.state = ReadState::kUnreadable;
+    return result;
+  }
+  if (!bytes) return result;
+  std::optional<Value> value = PropertyList::parse(*bytes);
+  if (!value || value->dictionary() == nullptr) {
+    reportUnreadable(path, value ? "not a dictionary" : "not a property list");
+    result.state = ReadState::kUnreadable;
+    return result;
+  }
+  result.state = ReadState::kRead;
+  result.domain = std::move(*value->mutableDictionary());
+  return result;
+}
+
+void writeAll(int fd, const std::string& bytes, const std::string& path) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw systemError("Cannot write", path);
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+}  // namespace
+
+UserDefaults& UserDefaults::standardUserDefaults() {
+  static auto* defaults = new UserDefaults("Quentara.SharedFilesXpcService");
+  return *defaults;
+}
+
+UserDefaults::UserDefaults(std::string suiteName) : suiteName_(std::move(suiteName)) {}
+
+std::string UserDefaults::pathOfSuite(const std::string& name) {
+  return configFolder() + "/" + name + ".plist";
+}
+
+Value::Dictionary UserDefaults::persistentDomainForName(const std::string& name) {
+  return readSuite(pathOfSuite(name)).domain;
+}
+
+std::optional<Value> UserDefaults::objectForKey(const std::string& key) const {
+  Value::Dictionary domain = persistentDomainForName(suiteName_);
+  auto it = domain.find(key);
+  if (it == domain.end()) return std::nullopt;
+  return std::move(it->second);
+}
+
+void UserDefaults::setObject(const Value& value, const std::string& forKey) {
+  std::lock_guard lock(storeMutex_);
+  ReadResult current = readSuite(pathOfSuite(suiteName_));
+  current.domain.insert_or_assign(forKey, value);
+  store(current.domain, current.state == ReadState::kUnreadable);
+}
+
+void UserDefaults::removeObjectForKey(const std::string& key) {
+  std::lock_guard lock(storeMutex_);
+  ReadResult current = readSuite(pathOfSuite(suiteName_));
+  if (current.domain.erase(key) == 0) return;
+  store(current.domain, false);
+}
+
+void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
+  const std::string path = pathOfSuite(suiteName_);
+  std::string bytes = PropertyList::xml(Value(domain));
+
+  const std::string folder = path.substr(0, path.rfind('/'));
+  std::error_code created;
+  std::filesystem::create_directories(folder, created);
+  if (created) throw std::system_error(created, "Cannot create " + folder);
+  // What cannot be read is kept aside, never overwritten.
+  if (keepAside) {
+    const std::string aside = path + ".corrupt";
+    if (::rename(path.c_str(), aside.c_str()) != 0) throw systemError("Cannot keep aside", path);
+    Log::printf("Preferences %s kept aside as %s", path.c_str(), aside.c_str());
+  }
+
+  std::string temporary = path + ".XXXXXX";
+  int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+  if (fd < 0) throw systemError("Cannot create a temporary file beside", path);
+  try {
+    writeAll(fd, bytes, temporary);
+    if (::fsync(fd) != 0) throw systemError("Cannot flush", temporary);
+  } catch (...) {
+    ::close(fd);
+    ::unlink(temporary.c_str());
+    throw;
+  }
+  ::close(fd);
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    std::system_error error = systemError("Cannot replace", path);
+    ::unlink(temporary.c_str());
+    throw error;
+  }
+  // Make the rename itself durable.
+  int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir >= 0) {
+    ::fsync(dir);
+    ::close(dir);
+  }
+}

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <optional>
+
+// Small stateless helpers shared by the service and the server interface.
+class ServicesUtilities {
+ public:
+  // The running system's AppKit version number. Linux has none: it is read from
+  // TALLOWBOX_APPKIT_VERSION (a decimal such as "1138.5"); unset or unreadable
+  // means a current system, for which both version tests answer no.
+  static std::optional<double> appKitVersionNumber();
+
+  // The system is Mac OS X 10.7: the version number, rounded down, is 1138.
+  static bool is10_7();
+  // The system is older than 10.10: the version number, rounded down, is at least
+  // 1138 and below 1343. Older systems than 10.7 answer no as well.
+  static bool isLessThan10_10();
+};

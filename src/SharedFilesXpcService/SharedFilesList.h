@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Predicate.h"
+#include "Platform/UserDefaults.h"
+#include "Platform/Value.h"
+
+// The shared-files list: the array of entry dictionaries under "SharedFileDataKey"
+// in the service's own suite, one entry per folder or file that another computer
+// shares into the product folder. Every value of an entry is a string; the keys
+// are "OwnerFileID" ("0" for the root folder of an owner computer),
+// "UserComputerMapID", "FileName" (full local path), "IsFile", "MyFile",
+// "SavedFileID", "Blocked" ("0"/"1"), "DeleteKey" and "FileID" (file number).
+//
+// Every writer follows one pattern: load the whole list into a working copy,
+// change the copy, store the whole list back. An entry is identified by its
+// value: an update changes the first entry equal to the one it was given. There
+// is no lock between writers; the last store wins.
+class SharedFilesList {
+ public:
+  // The stored list; an absent list is empty. A value that is not an array is
+  // logged and throws ValueError, leaving it as it is.
+  static Value::Array load(UserDefaults& defaults);
+  // Stores the whole list and synchronises the suite.
+  static void store(UserDefaults& defaults, const Value::Array& list);
+
+  // The entries matching `format` with `arguments` (see Predicate), in list order.
+  static Value::Array filter(const Value::Array& list, std::string_view format,
+                             std::vector<Predicate::Argument> arguments);
+
+  // Sets `key` to `text` in a copy of `entry` and puts the copy in place of the
+  // first entry of `list` equal to `entry`. Throws ValueError when there is none,
+  // or when the entry is not a dictionary.
+  static void setValueOfEntry(Value::Array& list, const Value& entry, const std::string& key,
+                              const std::string& text);
+};

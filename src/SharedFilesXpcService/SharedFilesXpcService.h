@@ -1,0 +1,72 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+
+#include "Platform/DispatchQueues.h"
+#include "Platform/Value.h"
+#include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
+#include "SharedFilesXpcService/SendFileToTransferDelegate.h"
+#include "SharedFilesXpcService/SharedFilesXpcServiceProtocol.h"
+
+// The service object of one calling peer. It owns that peer's transfer cycle: a
+// step every two seconds that asks the server what is pending when no send or
+// receive pass is in flight, and the two pass flags that say so.
+//
+// Each scheduled step holds the object, so it lives as long as a cycle it started.
+// Every `SharedFile` starts one more independent cycle chain on the same object.
+//
+// The pass flags are written from the bus thread, the background queue, the main
+// operation queue and the handlers' threads without a lock; a stale read only
+// delays work by one step.
+class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
+                              public SendFileToTransferDelegate,
+                              public ReceiveFileFromTransferDelegate,
+                              public std::enable_shared_from_this<SharedFilesXpcService> {
+ public:
+  // The period of the transfer cycle.
+  static constexpr std::chrono::nanoseconds kCyclePeriod{2'000'000'000};
+  // kCyclePeriod unless a test has shortened it.
+  static std::chrono::nanoseconds cyclePeriod();
+  // Tests only: the period every later step waits for.
+  static void setCyclePeriodForTesting(std::chrono::nanoseconds period);
+
+  // Cycle steps run on `scheduler`'s background queue.
+  static std::shared_ptr<SharedFilesXpcService> create(
+      Scheduler& scheduler = DispatchQueues::shared());
+
+  // Clears both pass flags and runs a cycle step, which schedules the next.
+  void SharedFile() override;
+  // Clears both pass flags (the server query failed).
+  void unLockService();
+  // One step of the cycle; always schedules the next one a cycle period later.
+  void startSharedFileToTransfer();
+
+  void SendFileNotify() override;
+  void ReceiveFileNotify() override;
+
+  bool sendLock() const { return sendLock_.load(std::memory_order_relaxed); }
+  bool receiveLock() const { return receiveLock_.load(std::memory_order_relaxed); }
+
+  // The last snapshot of the application's preference suite.
+  Value::Dictionary iAppsPrefs() const;
+
+  Value::Array sharedFilesDefaultsArray() const;
+  void setSharedFilesDefaultsArray(Value::Array array);
+
+ private:
+  explicit SharedFilesXpcService(Scheduler& scheduler);
+
+  void setIAppsPrefs(Value::Dictionary prefs);
+
+  Scheduler& scheduler_;
+
+  mutable std::mutex mutex_;  // guards the members below
+  Value::Dictionary iAppsPrefs_;
+  Value::Array sharedFilesDefaultsArray_;
+
+  std::atomic<bool> receiveLock_{false};
+  std::atomic<bool> sendLock_{false};
+};

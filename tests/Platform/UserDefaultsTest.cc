@@ -1,0 +1,200 @@
+#include "Platform/UserDefaults.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "Platform/Log.h"
+#include "Platform/ValueError.h"
+#include "support/TemporaryFolder.h"
+
+extern char** environ;
+
+namespace {
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeText(const std::string& path, const std::string& text) {
+  std::ofstream(path) << text;
+}
+
+// Runs a command through the shell; returns its exit status and standard output.
+std::pair<int, std::string> run(const std::string& command) {
+  std::string output;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) return {-1, ""};
+  char buffer[4096];
+  size_t n = 0;
+  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+  int status = ::pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+const char* kSuiteXml = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+  <key>computerIdKey</key><string>C-17</string>
+  <key>userIdKey</key><string>42</string>
+  <key>tallowboxPathKey</key><string>/home/ann &amp; bob/Documents</string>
+  <key>count</key><integer>-7</integer>
+  <key>ratio</key><real>2.5</real>
+  <key>enabled</key><true/>
+  <key>blob</key><data>AAEC</data>
+  <key>when</key><date>2001-01-01T00:00:10Z</date>
+  <key>SharedFileDataKey</key>
+  <array>
+    <dict><key>OwnerFileID</key><string>0</string><key>FileName</key><string>/t/Ann (Shared)</string></dict>
+  </array>
+</dict>
+</plist>
+)";
+
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  }
+  void TearDown() override { Log::setCapture(nullptr); }
+
+  TemporaryFolder folder;
+};
+
+}  // namespace
+
+TEST_F(UserDefaultsTest, SuiteWrittenByPlistutilIsReadAsWrittenInXmlAndBinary) {
+  writeText(folder.file("source.plist"), kSuiteXml);
+  for (const char* format : {"xml", "bin"}) {
+    std::string suite = UserDefaults::pathOfSuite("Quentara.Tallowbox");
+    ASSERT_EQ(run("plistutil -i " + folder.file("source.plist") + " -o '" + suite + "' -f " +
+                  format).first,
+              0);
+    Value::Dictionary d = UserDefaults::persistentDomainForName("Quentara.Tallowbox");
+    EXPECT_EQ(d.at("computerIdKey"), Value("C-17")) << format;
+    EXPECT_EQ(d.at("userIdKey"), Value("42"));
+    EXPECT_EQ(d.at("tallowboxPathKey"), Value("/home/ann & bob/Documents"));
+    EXPECT_EQ(d.at("count").objCType(), 'q');
+    EXPECT_EQ(d.at("count"), Value::integer(-7));
+    EXPECT_EQ(d.at("ratio"), Value::real(2.5));
+    EXPECT_EQ(d.at("enabled").objCType(), 'c');
+    EXPECT_EQ(d.at("blob"), Value(Value::Data{0, 1, 2}));
+    EXPECT_EQ(d.at("when"), Value(Value::Date{978307210.0}));
+    const Value::Array* list = d.at("SharedFileDataKey").array();
+    ASSERT_NE(list, nullptr);
+    ASSERT_EQ(list->size(), 1U);
+    EXPECT_EQ(*(*list)[0].objectForKey("FileName"), Value("/t/Ann (Shared)"));
+  }
+}
+
+TEST_F(UserDefaultsTest, WhatTheServiceStoresIsReadBackByPlistutil) {
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  Value::Array list = {Value(Value::Dictionary{{"OwnerFileID", Value("0")},
+                                               {"FileName", Value("/t/<Ann> & \"Bob\" (Shared)")},
+                                               {"Blocked", Value("1")}})};
+  defaults.setObject(Value(list), "SharedFileDataKey");
+  defaults.setObject(Value::integer(-3), "number");
+  EXPECT_TRUE(defaults.synchronize());
+
+  std::string suite = folder.file("Quentara.SharedFilesXpcService.plist");
+  ASSERT_EQ(suite, UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService"));
+  auto [status, xml] = run("plistutil -i '" + suite + "' -o - -f xml");
+  ASSERT_EQ(status, 0);
+  EXPECT_NE(xml.find("<key>SharedFileDataKey</key>"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("<string>/t/&lt;Ann&gt; &amp; \"Bob\" (Shared)</string>"), std::string::npos)
+      << xml;
+  EXPECT_NE(xml.find("<integer>-3</integer>"), std::string::npos) << xml;
+
+  // And back: what plistutil rewrites in binary reads the same.
+  ASSERT_EQ(run("plistutil -i '" + suite + "' -o '" + suite + "' -f bin").first, 0);
+  EXPECT_EQ(defaults.objectForKey("SharedFileDataKey"), std::optional<Value>(Value(list)));
+}
+
+TEST_F(UserDefaultsTest, MissingSuiteIsEmptyAndReadsAreFresh) {
+  EXPECT_TRUE(UserDefaults::persistentDomainForName("Quentara.Tallowbox").empty());
+  EXPECT_FALSE(UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey"));
+
+  writeText(folder.file("source.plist"), kSuiteXml);
+  ASSERT_EQ(run("plistutil -i " + folder.file("source.plist") + " -o " +
+                folder.file("Quentara.Tallowbox.plist"))
+                .first,
+            0);
+  EXPECT_EQ(UserDefaults::persistentDomainForName("Quentara.Tallowbox").at("userIdKey"),
+            Value("42"));
+}
+
+TEST_F(UserDefaultsTest, CorruptSuiteIsLoggedReadAsEmptyAndKeptAsideBeforeOverwrite) {
+  std::vector<std::string> lines;
+  Log::setCapture([&](const std::string& line) { lines.push_back(line); });
+  std::string suite = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
+  const std::string garbage = "<?xml version=\"1.0\"?><plist><dict><key>Shared";
+  writeText(suite, garbage);
+
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey"));
+  EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey"));
+  ASSERT_EQ(lines.size(), 1U) << "logged once per version of the file";
+  EXPECT_NE(lines[0].find("unreadable"), std::string::npos) << lines[0];
+  EXPECT_EQ(readText(suite), garbage) << "reading never moves the file";
+
+  defaults.setObject(Value("x"), "key");
+  EXPECT_EQ(readText(suite + ".corrupt"), garbage);
+  EXPECT_EQ(defaults.objectForKey("key"), std::optional<Value>(Value("x")));
+
+  // A property list whose root is not a dictionary is unreadable too.
+  writeText(folder.file("Quentara.Tallowbox.plist"),
+            "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>");
+  EXPECT_TRUE(UserDefaults::persistentDomainForName("Quentara.Tallowbox").empty());
+}
+
+TEST_F(UserDefaultsTest, ValuesAPropertyListCannotHoldAreRefusedAndNothingIsWritten) {
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  defaults.setObject(Value("kept"), "key");
+  Value::Array withHandle = {Value(std::make_shared<const FileHandle>(-1))};
+  EXPECT_THROW(defaults.setObject(Value(withHandle), "key"), ValueError);
+  EXPECT_EQ(defaults.objectForKey("key"), std::optional<Value>(Value("kept")));
+}
+
+TEST_F(UserDefaultsTest, WriterKilledInAStormOfStoresNeverLeavesATornFile) {
+  std::string suite = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
+  std::mt19937 random(20261121);
+  int readsDuringStorm = 0;
+  for (int round = 0; round < 25; ++round) {
+    pid_t pid = 0;
+    char* argv[] = {const_cast<char*>(PREFERENCE_STORM), nullptr};
+    ASSERT_EQ(::posix_spawn(&pid, PREFERENCE_STORM, nullptr, nullptr, argv, environ), 0);
+    auto until = std::chrono::steady_clock::now() +
+                 std::chrono::milliseconds(std::uniform_int_distribution<int>(5, 60)(random));
+    while (std::chrono::steady_clock::now() < until) {
+      if (::access(suite.c_str(), F_OK) == 0) {
+        std::optional<Value> list = UserDefaults::standardUserDefaults().objectForKey(
+            "SharedFileDataKey");
+        ASSERT_TRUE(list && list->array() != nullptr) << "reader saw a torn suite";
+        ++readsDuringStorm;
+      }
+    }
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    if (::access(suite.c_str(), F_OK) != 0) continue;  // killed before its first store
+    std::optional<Value> list =
+        UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey");
+    ASSERT_TRUE(list && list->array() != nullptr && !list->array()->empty())
+        << "round " << round;
+    ASSERT_EQ(run("plistutil -i '" + suite + "' -o /dev/null").first, 0) << "round " << round;
+  }
+  EXPECT_GT(readsDuringStorm, 0);
+  EXPECT_FALSE(std::filesystem::exists(suite + ".corrupt"));
+}

@@ -1,0 +1,90 @@
+#include "SharedFilesXpcService/ServiceListener.h"
+
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "SharedFilesXpcService/ServiceDelegate.h"
+#include "SharedFilesXpcService/SharedFilesXpcService.h"
+#include "support/ManualScheduler.h"
+#include "support/PrivateBus.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+class ServiceListenerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    bus.makeSessionBus();
+    listener.setDelegate(&delegate);
+    listener.resumeInBackground();
+  }
+  void TearDown() override { listener.stop(); }
+
+  struct Peer {
+    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();
+    std::unique_ptr<sdbus::IProxy> proxy = sdbus::createProxy(
+        *connection, "Quentara.SharedFilesXpcService", "/Quentara/SharedFilesXpcService");
+    void sharedFile() const {
+      proxy->callMethod("SharedFile").onInterface("Quentara.SharedFilesXpcServiceProtocol");
+    }
+    std::string name() const { return connection->getUniqueName(); }
+  };
+
+  SharedFilesXpcService& serviceOf(const Peer& peer) {
+    auto connection = listener.connectionForPeer(peer.name());
+    if (!connection) throw std::runtime_error("no connection for " + peer.name());
+    return dynamic_cast<SharedFilesXpcService&>(*connection->exportedObject());
+  }
+
+  TemporaryFolder folder;
+  PrivateBus bus{folder.path().string()};
+  ManualScheduler scheduler;
+  ServiceDelegate delegate{scheduler};
+  ServiceListener listener;
+};
+
+}  // namespace
+
+TEST_F(ServiceListenerTest, TwoCallsFromOnePeerGiveTwoChainsOnOneServiceObject) {
+  Peer peer;
+  peer.sharedFile();
+  peer.sharedFile();
+  EXPECT_EQ(listener.connectionCount(), 1U);
+  auto connection = listener.connectionForPeer(peer.name());
+  ASSERT_TRUE(connection);
+  EXPECT_EQ(connection->exportedInterface(), "Quentara.SharedFilesXpcServiceProtocol");
+  EXPECT_TRUE(connection->isResumed());
+  EXPECT_EQ(scheduler.pending(), 2U) << "one chain per SharedFile";
+  EXPECT_TRUE(serviceOf(peer).sendLock());
+}
+
+TEST_F(ServiceListenerTest, EveryPeerIsAcceptedWithAServiceObjectOfItsOwn) {
+  Peer first;
+  Peer second;
+  first.sharedFile();
+  second.sharedFile();
+  EXPECT_EQ(listener.connectionCount(), 2U);
+  EXPECT_NE(&serviceOf(first), &serviceOf(second));
+}
+
+TEST_F(ServiceListenerTest, BadCallsGetBusErrorsAndTheServiceCarriesOn) {
+  Peer peer;
+  try {
+    peer.proxy->callMethod("SharedFile")
+        .onInterface("Quentara.SharedFilesXpcServiceProtocol")
+        .withArguments(std::string("unexpected"));
+    FAIL() << "a call with arguments was answered";
+  } catch (const sdbus::Error& e) {
+    EXPECT_EQ(e.getName(), "org.freedesktop.DBus.Error.InvalidArgs");
+  }
+  try {
+    peer.proxy->callMethod("ShareEverything").onInterface("Quentara.SharedFilesXpcServiceProtocol");
+    FAIL() << "an unknown method was answered";
+  } catch (const sdbus::Error& e) {
+    EXPECT_EQ(e.getName(), "org.freedesktop.DBus.Error.UnknownMethod");
+  }
+  EXPECT_EQ(listener.connectionCount(), 0U) << "no service object for refused calls";
+  peer.sharedFile();
+  EXPECT_EQ(listener.connectionCount(), 1U);
+}

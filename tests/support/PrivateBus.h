@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+// A private D-Bus session bus (dbus-daemon) for one test, stopped on destruction.
+// `servicesFolder`, when given, is where the bus looks for activation files.
+class PrivateBus {
+ public:
+  explicit PrivateBus(const std::string& configFolder, const std::string& servicesFolder = "");
+  ~PrivateBus();
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& address() const { return address_; }
+  // Sets DBUS_SESSION_BUS_ADDRESS for this process and the programs it starts.
+  void makeSessionBus() const;
+
+ private:
+  pid_t pid_ = -1;
+  std::string address_;
+};
