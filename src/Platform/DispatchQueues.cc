@@ -56,6 +56,4 @@ void DispatchQueues::dispatchSerial(const SerialQueue& queue, Work work) {
   asio::post(queue, [work = std::move(work)] { runGuarded(work); });
 }
 
-DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue() {
-  return asio::make_strand(pool_);
-}
+DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue() { return asio::make_strand(pool_); }

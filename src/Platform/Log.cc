@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
@@ -46,7 +47,7 @@ void Log::line(const std::string& text) {
     ::syslog(LOG_NOTICE, "%s", text.c_str());
     if (state().toStandardError) {
       std::fprintf(stderr, "%s\n", text.c_str());  // NOLINT(cert-err33-c): nothing to do on failure
-      std::fflush(stderr);                          // NOLINT(cert-err33-c)
+      std::fflush(stderr);                         // NOLINT(cert-err33-c)
     }
     capture = state().capture;
   }
@@ -63,8 +64,9 @@ void Log::printf(const char* format, ...) {
   std::string text;
   if (length > 0) {
     std::vector<char> buffer(static_cast<std::size_t>(length) + 1);
-    std::vsnprintf(buffer.data(), buffer.size(), format, args);
-    text.assign(buffer.data(), static_cast<std::size_t>(length));
+    int written = std::vsnprintf(buffer.data(), buffer.size(), format, args);
+    if (written > 0)
+      text.assign(buffer.data(), static_cast<std::size_t>(std::min(written, length)));
   }
   va_end(args);
   line(text);

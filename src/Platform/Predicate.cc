@@ -9,9 +9,9 @@
 struct Predicate::Node {
   enum class Type { kAnd, kEquals, kBeginsWithIgnoringCase };
   Type type = Type::kAnd;
-  std::string key;                      // comparisons
-  std::size_t argument = 0;             // comparisons: index of the bound argument
-  std::unique_ptr<Node> left, right;    // AND
+  std::string key;                    // comparisons
+  std::size_t argument = 0;           // comparisons: index of the bound argument
+  std::unique_ptr<Node> left, right;  // AND
 };
 
 namespace {

@@ -153,8 +153,7 @@ PlistPtr toNode(const Value& value) {
     case Value::Kind::kUuid:
       break;
   }
-  throw ValueError("A " + std::string(value.kindName()) +
-                   " cannot be stored in a property list");
+  throw ValueError("A " + std::string(value.kindName()) + " cannot be stored in a property list");
 }
 
 }  // namespace

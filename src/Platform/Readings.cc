@@ -50,7 +50,8 @@ std::int64_t Readings::integerValue(const Value* value) {
   if (const Value::Number* n = value->number()) {
     if (const bool* b = std::get_if<bool>(n)) return *b ? 1 : 0;
     if (const std::int64_t* i = std::get_if<std::int64_t>(n)) return *i;
-    if (const std::uint64_t* u = std::get_if<std::uint64_t>(n)) return static_cast<std::int64_t>(*u);
+    if (const std::uint64_t* u = std::get_if<std::uint64_t>(n))
+      return static_cast<std::int64_t>(*u);
     return truncated(std::get<double>(*n));
   }
   throw ValueError("integerValue: a " + std::string(value->kindName()) + " has no integer value");

@@ -37,16 +37,16 @@ class Value {
   enum class Kind { kString, kNumber, kData, kDate, kArray, kDictionary, kFileHandle, kUuid };
 
   Value() : storage_(std::string()) {}
-  Value(std::string text) : storage_(std::move(text)) {}  // NOLINT: implicit by design
-  Value(const char* text) : storage_(std::string(text)) {}  // NOLINT
-  Value(std::string_view text) : storage_(std::string(text)) {}  // NOLINT
-  Value(Number number) : storage_(number) {}                // NOLINT
-  Value(Data data) : storage_(std::move(data)) {}           // NOLINT
-  Value(Date date) : storage_(date) {}                      // NOLINT
-  Value(Array array) : storage_(std::move(array)) {}        // NOLINT
+  Value(std::string text) : storage_(std::move(text)) {}             // NOLINT: implicit by design
+  Value(const char* text) : storage_(std::string(text)) {}           // NOLINT
+  Value(std::string_view text) : storage_(std::string(text)) {}      // NOLINT
+  Value(Number number) : storage_(number) {}                         // NOLINT
+  Value(Data data) : storage_(std::move(data)) {}                    // NOLINT
+  Value(Date date) : storage_(date) {}                               // NOLINT
+  Value(Array array) : storage_(std::move(array)) {}                 // NOLINT
   Value(Dictionary dictionary) : storage_(std::move(dictionary)) {}  // NOLINT
-  Value(Handle handle) : storage_(std::move(handle)) {}     // NOLINT
-  Value(Uuid uuid) : storage_(uuid) {}                      // NOLINT
+  Value(Handle handle) : storage_(std::move(handle)) {}              // NOLINT
+  Value(Uuid uuid) : storage_(uuid) {}                               // NOLINT
 
   static Value boolean(bool b) { return Value(Number(b)); }
   static Value integer(std::int64_t i) { return Value(Number(i)); }

@@ -9,5 +9,6 @@ class ServiceListenerDelegate {
   virtual ~ServiceListenerDelegate() = default;
   // Returns whether the peer is accepted; an accepted connection must have an
   // exported object and be resumed.
-  virtual bool listener(ServiceListener& listener, ServiceConnection& shouldAcceptNewConnection) = 0;
+  virtual bool listener(ServiceListener& listener,
+                        ServiceConnection& shouldAcceptNewConnection) = 0;
 };

@@ -15,8 +15,7 @@ Value::Array SharedFilesList::load(UserDefaults& defaults) {
   if (Value::Array* list = stored->mutableArray()) return std::move(*list);
   Log::printf("SharedFileDataKey holds a %s, not a list; left as it is",
               std::string(stored->kindName()).c_str());
-  throw ValueError("SharedFileDataKey holds a " + std::string(stored->kindName()) +
-                   ", not a list");
+  throw ValueError("SharedFileDataKey holds a " + std::string(stored->kindName()) + ", not a list");
 }
 
 void SharedFilesList::store(UserDefaults& defaults, const Value::Array& list) {

@@ -17,8 +17,6 @@
 #include "Platform/ValueError.h"
 #include "support/TemporaryFolder.h"
 
-extern char** environ;
-
 namespace {
 
 std::string readText(const std::string& path) {
@@ -28,9 +26,7 @@ std::string readText(const std::string& path) {
   return s.str();
 }
 
-void writeText(const std::string& path, const std::string& text) {
-  std::ofstream(path) << text;
-}
+void writeText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
 // Runs a command through the shell; returns its exit status and standard output.
 std::pair<int, std::string> run(const std::string& command) {
@@ -80,9 +76,10 @@ TEST_F(UserDefaultsTest, SuiteWrittenByPlistutilIsReadAsWrittenInXmlAndBinary) {
   writeText(folder.file("source.plist"), kSuiteXml);
   for (const char* format : {"xml", "bin"}) {
     std::string suite = UserDefaults::pathOfSuite("Quentara.Tallowbox");
-    ASSERT_EQ(run("plistutil -i " + folder.file("source.plist") + " -o '" + suite + "' -f " +
-                  format).first,
-              0);
+    ASSERT_EQ(
+        run("plistutil -i " + folder.file("source.plist") + " -o '" + suite + "' -f " + format)
+            .first,
+        0);
     Value::Dictionary d = UserDefaults::persistentDomainForName("Quentara.Tallowbox");
     EXPECT_EQ(d.at("computerIdKey"), Value("C-17")) << format;
     EXPECT_EQ(d.at("userIdKey"), Value("42"));
@@ -180,8 +177,8 @@ TEST_F(UserDefaultsTest, WriterKilledInAStormOfStoresNeverLeavesATornFile) {
                  std::chrono::milliseconds(std::uniform_int_distribution<int>(5, 60)(random));
     while (std::chrono::steady_clock::now() < until) {
       if (::access(suite.c_str(), F_OK) == 0) {
-        std::optional<Value> list = UserDefaults::standardUserDefaults().objectForKey(
-            "SharedFileDataKey");
+        std::optional<Value> list =
+            UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey");
         ASSERT_TRUE(list && list->array() != nullptr) << "reader saw a torn suite";
         ++readsDuringStorm;
       }
@@ -191,8 +188,7 @@ TEST_F(UserDefaultsTest, WriterKilledInAStormOfStoresNeverLeavesATornFile) {
     if (::access(suite.c_str(), F_OK) != 0) continue;  // killed before its first store
     std::optional<Value> list =
         UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey");
-    ASSERT_TRUE(list && list->array() != nullptr && !list->array()->empty())
-        << "round " << round;
+    ASSERT_TRUE(list && list->array() != nullptr && !list->array()->empty()) << "round " << round;
     ASSERT_EQ(run("plistutil -i '" + suite + "' -o /dev/null").first, 0) << "round " << round;
   }
   EXPECT_GT(readsDuringStorm, 0);

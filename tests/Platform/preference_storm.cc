@@ -9,10 +9,10 @@ int main() {
   for (unsigned round = 0;; ++round) {
     Value::Array list;
     for (unsigned i = 0; i < 1 + round % 300; ++i) {
-      list.emplace_back(Value::Dictionary{{"OwnerFileID", Value(std::to_string(i))},
-                                          {"FileName", Value("/home/u/Tallowbox/f" +
-                                                             std::to_string(round))},
-                                          {"Blocked", Value("0")}});
+      list.emplace_back(
+          Value::Dictionary{{"OwnerFileID", Value(std::to_string(i))},
+                            {"FileName", Value("/home/u/Tallowbox/f" + std::to_string(round))},
+                            {"Blocked", Value("0")}});
     }
     defaults.setObject(Value(list), "SharedFileDataKey");
     defaults.synchronize();

@@ -55,8 +55,7 @@ TEST_F(SharedFilesListTest, IdentifiersMatchAsTextSo12NeverMatches012) {
 
 TEST_F(SharedFilesListTest, EntryNotInTheListOrNotADictionaryThrowsAndChangesNothing) {
   Value::Array list = {entry("1", "1")};
-  EXPECT_THROW(SharedFilesList::setValueOfEntry(list, entry("2", "1"), "Blocked", "0"),
-               ValueError);
+  EXPECT_THROW(SharedFilesList::setValueOfEntry(list, entry("2", "1"), "Blocked", "0"), ValueError);
   list.emplace_back("stray text");
   EXPECT_THROW(SharedFilesList::setValueOfEntry(list, Value("stray text"), "Blocked", "0"),
                ValueError);
@@ -70,8 +69,8 @@ TEST_F(SharedFilesListTest, ListOfTheWrongKindThrowsAndIsLeftAsItIs) {
   EXPECT_EQ(defaults.objectForKey("SharedFileDataKey"), std::optional<Value>(Value("not a list")));
 
   // A number where an entry's text is expected reads by the value rules.
-  defaults.setObject(Value(Value::Array{Value(Value::Dictionary{
-                         {"OwnerFileID", Value::integer(12)}, {"Blocked", Value("1")}})}),
+  defaults.setObject(Value(Value::Array{Value(Value::Dictionary{{"OwnerFileID", Value::integer(12)},
+                                                                {"Blocked", Value("1")}})}),
                      "SharedFileDataKey");
   Value::Array list = SharedFilesList::load(defaults);
   EXPECT_TRUE(SharedFilesList::filter(list, "(OwnerFileID == %@)", {Value("12")}).empty());

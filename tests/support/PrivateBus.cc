@@ -10,8 +10,6 @@
 #include <stdexcept>
 #include <vector>
 
-extern char** environ;
-
 PrivateBus::PrivateBus(const std::string& configFolder, const std::string& servicesFolder) {
   const std::string config = configFolder + "/bus.conf";
   {
@@ -19,7 +17,8 @@ PrivateBus::PrivateBus(const std::string& configFolder, const std::string& servi
     out << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
            "<busconfig><type>session</type>"
-           "<listen>unix:dir=" << configFolder << "</listen>";
+           "<listen>unix:dir="
+        << configFolder << "</listen>";
     if (!servicesFolder.empty()) out << "<servicedir>" << servicesFolder << "</servicedir>";
     out << "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
            "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";

@@ -1,0 +1,60 @@
+# The two commands: `make test` (install what is missing, build, run every test)
+# and `make build`. See README.md.
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
+JOBS       ?= $(shell nproc)
+CMAKE_ARGS ?=
+
+SOURCES = $(shell git ls-files '*.h' '*.cc' 2>/dev/null)
+
+.PHONY: all deps build test test-plain test-asan test-tsan format format-check tidy install clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALLOWBOX_WERROR=ON $(CMAKE_ARGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j$(JOBS)
+
+# Everything CI checks: formatting, the plain build with every test, the whole
+# suite again under AddressSanitizer + UndefinedBehaviorSanitizer, and the tests
+# that exercise queues under ThreadSanitizer.
+test: deps format-check test-plain test-asan test-tsan
+
+test-plain: build
+	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+test-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALLOWBOX_WERROR=ON \
+	  -DTALLOWBOX_SANITIZE=address+undefined $(CMAKE_ARGS)
+	cmake --build $(ASAN_BUILD) -j$(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j$(JOBS) \
+	  -E install_activation_test
+
+test-tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALLOWBOX_WERROR=ON \
+	  -DTALLOWBOX_SANITIZE=thread $(CMAKE_ARGS)
+	cmake --build $(TSAN_BUILD) -j$(JOBS) --target queue_tests
+	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --output-on-failure -j$(JOBS) -L queues
+
+format:
+	clang-format -i $(SOURCES)
+
+format-check: deps
+	clang-format --dry-run --Werror $(SOURCES)
+
+tidy: build
+	run-clang-tidy -quiet -p $(BUILD) $(addprefix $(CURDIR)/,$(filter %.cc,$(SOURCES)))
+
+install: build
+	cmake --install $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
