@@ -1,0 +1,56 @@
+// Runs inside a fresh network namespace (see tests/CMakeLists.txt): only the
+// loopback interface, up, and no default route.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+
+#include "Platform/NotificationCenter.h"
+#include "Services/NetWorkConnectionStatus.h"
+#include "Services/Reachability/Reachability.h"
+
+using namespace std::chrono_literals;
+
+TEST(NetworkNamespaceTest, WithoutADefaultRouteNeitherTestReachesTheNetwork) {
+  EXPECT_FALSE(Reachability::isReachable());
+  EXPECT_FALSE(NetWorkConnectionStatus::ConectionStatus());
+  // Loopback itself has a route.
+  sockaddr_in loopback{};
+  loopback.sin_family = AF_INET;
+  loopback.sin_addr.s_addr = htonl(0x7F000001);
+  auto local = Reachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&loopback));
+  EXPECT_EQ(local->currentReachabilityStatus(), 1);
+}
+
+TEST(NetworkNamespaceTest, ADefaultRouteMakesTheNetworkReachableAndIsNotified) {
+  auto internet = Reachability::reachabilityForInternetConnection();
+  std::mutex mutex;
+  std::condition_variable changed;
+  const void* sender = nullptr;
+  auto token = NotificationCenter::defaultCenter().addObserverForName(
+      "kNetworkReachabilityChangedNotification", [&](const void* s) {
+        std::lock_guard lock(mutex);
+        sender = s;
+        changed.notify_all();
+      });
+  ASSERT_TRUE(internet->startNotifier());
+  ASSERT_EQ(std::system("ip route add default dev lo"), 0);
+  {
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return sender != nullptr; }));
+    EXPECT_EQ(sender, internet.get());
+  }
+  internet->stopNotifier();
+  NotificationCenter::defaultCenter().removeObserver(token);
+
+  // A default route without a gateway: reachable and direct.
+  EXPECT_TRUE(Reachability::isReachable());
+  EXPECT_TRUE(NetWorkConnectionStatus::ConectionStatus());
+  EXPECT_EQ(Reachability::reachabilityForLocalWiFi()->currentReachabilityStatus(), 1);
+  ASSERT_EQ(std::system("ip route del default dev lo"), 0);
+  EXPECT_FALSE(Reachability::isReachable());
+}
