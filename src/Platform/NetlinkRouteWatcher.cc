@@ -15,8 +15,8 @@ NetlinkRouteWatcher::NetlinkRouteWatcher(std::function<void()> onChange)
   if (socket_ < 0) return;
   sockaddr_nl local{};
   local.nl_family = AF_NETLINK;
-  local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE | RTMGRP_IPV4_IFADDR |
-                    RTMGRP_IPV6_IFADDR;
+  local.nl_groups =
+      RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
   if (::bind(socket_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0 ||
       ::pipe2(stopPipe_, O_CLOEXEC) != 0) {
     ::close(socket_);

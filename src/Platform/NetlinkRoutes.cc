@@ -88,10 +88,10 @@ std::optional<std::uint32_t> NetlinkRoutes::flags(const ReachabilityTarget& targ
   for (nl_object* o = nl_cache_get_first(routes.get()); o != nullptr; o = nl_cache_get_next(o)) {
     auto* route = reinterpret_cast<rtnl_route*>(o);
     // Routes out (main table) and this machine's own addresses (local table).
-    bool out = rtnl_route_get_table(route) == RT_TABLE_MAIN &&
-               rtnl_route_get_type(route) == RTN_UNICAST;
-    bool own = rtnl_route_get_table(route) == RT_TABLE_LOCAL &&
-               rtnl_route_get_type(route) == RTN_LOCAL;
+    bool out =
+        rtnl_route_get_table(route) == RT_TABLE_MAIN && rtnl_route_get_type(route) == RTN_UNICAST;
+    bool own =
+        rtnl_route_get_table(route) == RT_TABLE_LOCAL && rtnl_route_get_type(route) == RTN_LOCAL;
     if (!out && !(own && !wanted.anyDefault)) continue;
     int family = static_cast<int>(rtnl_route_get_family(route));
     if (family != AF_INET && family != AF_INET6) continue;

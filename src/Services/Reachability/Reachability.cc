@@ -13,7 +13,8 @@ namespace {
 
 std::mutex gSourceMutex;
 std::shared_ptr<ReachabilityFlagsSource>& sourceSlot() {
-  static auto* slot = new std::shared_ptr<ReachabilityFlagsSource>(std::make_shared<NetlinkRoutes>());
+  static auto* slot =
+      new std::shared_ptr<ReachabilityFlagsSource>(std::make_shared<NetlinkRoutes>());
   return *slot;
 }
 
@@ -101,14 +102,16 @@ std::optional<std::uint32_t> Reachability::readFlags() const {
 }
 
 int Reachability::currentReachabilityStatus() const {
-  if (!reachabilityRef_) throw std::logic_error("currentNetworkStatus called with NULL reachabilityRef");
+  if (!reachabilityRef_)
+    throw std::logic_error("currentNetworkStatus called with NULL reachabilityRef");
   std::optional<std::uint32_t> flags = readFlags();
   if (!flags) return kNotReachable;
   return localWiFiRef_ ? localWiFiStatusForFlags(*flags) : networkStatusForFlags(*flags);
 }
 
 bool Reachability::connectionRequired() const {
-  if (!reachabilityRef_) throw std::logic_error("connectionRequired called with NULL reachabilityRef");
+  if (!reachabilityRef_)
+    throw std::logic_error("connectionRequired called with NULL reachabilityRef");
   std::optional<std::uint32_t> flags = readFlags();
   return flags && (*flags & kConnectionRequired) != 0;
 }
@@ -128,5 +131,5 @@ int Reachability::networkStatusForFlags(std::uint32_t flags) const {
 int Reachability::localWiFiStatusForFlags(std::uint32_t flags) const {
   PrintReachabilityFlags(flags, "localWiFiStatusForFlags");
   return (flags & kReachable) != 0 && (flags & kIsDirect) != 0 ? kReachableViaNetwork
-                                                                : kNotReachable;
+                                                               : kNotReachable;
 }

@@ -60,7 +60,8 @@ class Reachability {
   static void setFlagsSourceForTesting(std::shared_ptr<ReachabilityFlagsSource> source);
 
  private:
-  explicit Reachability(std::optional<ReachabilityTarget> target) : reachabilityRef_(std::move(target)) {}
+  explicit Reachability(std::optional<ReachabilityTarget> target)
+      : reachabilityRef_(std::move(target)) {}
   std::optional<std::uint32_t> readFlags() const;
 
   std::optional<ReachabilityTarget> reachabilityRef_;

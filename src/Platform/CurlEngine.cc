@@ -1,0 +1,387 @@
+#include "Platform/CurlEngine.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+#include <filesystem>
+
+#include "Platform/Log.h"
+#include "Platform/URLSession.h"
+
+namespace {
+
+std::atomic<long> gInjectedFailure{0};
+
+std::string trimmed(std::string text) {
+  while (!text.empty() && (text.back() == '\r' || text.back() == '\n' || text.back() == ' ')) {
+    text.pop_back();
+  }
+  std::size_t start = text.find_first_not_of(' ');
+  return start == std::string::npos ? std::string() : text.substr(start);
+}
+
+bool hasHeader(const URLRequest::Headers& headers, const char* name) {
+  for (const auto& header : headers) {
+    if (::strcasecmp(header.first.c_str(), name) == 0) return true;
+  }
+  return false;
+}
+
+std::string temporaryFolder() {
+  const char* tmp = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
+  return tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
+}
+
+}  // namespace
+
+// Callbacks from libcurl, on the engine thread.
+struct CurlCallbacks {
+  static size_t header(char* data, size_t size, size_t count, void* user) {
+    auto* task = static_cast<URLSessionTask*>(user);
+    std::string line(data, size * count);
+    if (line.rfind("HTTP/", 0) == 0) {
+      // A new status line (after an interim answer or a redirect) starts afresh.
+      task->pendingResponse_ = URLResponse{task->request_.url, 0, {}};
+      std::size_t space = line.find(' ');
+      if (space != std::string::npos) {
+        task->pendingResponse_.statusCode = std::strtol(line.c_str() + space + 1, nullptr, 10);
+      }
+    } else if (line == "\r\n" || line == "\n") {
+      if (task->pendingResponse_.statusCode >= 200) {
+        std::lock_guard lock(task->mutex_);
+        task->response_ = task->pendingResponse_;
+      }
+    } else if (std::size_t colon = line.find(':'); colon != std::string::npos) {
+      task->pendingResponse_.headers.emplace_back(line.substr(0, colon),
+                                                  trimmed(line.substr(colon + 1)));
+    }
+    return size * count;
+  }
+
+  static size_t write(char* data, size_t size, size_t count, void* user) {
+    auto* task = static_cast<URLSessionTask*>(user);
+    size_t length = size * count;
+    if (task->kind_ == URLSessionTask::Kind::kDownload) {
+      size_t done = 0;
+      while (done < length) {
+        ssize_t n = ::write(task->downloadFd_, data + done, length - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return 0;  // ends the transfer with a write error
+        done += static_cast<size_t>(n);
+      }
+    } else if (task->completion_) {
+      task->received_.append(data, length);
+    } else {
+      auto self = task->shared_from_this();
+      task->session_->deliver([self, chunk = std::string(data, length)] {
+        if (auto delegate = self->session_->delegate()) delegate->didReceiveData(*self, chunk);
+      });
+    }
+    return length;
+  }
+
+  static size_t read(char* buffer, size_t size, size_t count, void* user) {
+    auto* task = static_cast<URLSessionTask*>(user);
+    long n = task->body_->read(buffer, size * count);
+    return n < 0 ? CURL_READFUNC_ABORT : static_cast<size_t>(n);
+  }
+
+  // Called at least once a second while the transfer lives.
+  static int progress(void* user, curl_off_t /*dltotal*/, curl_off_t dlnow, curl_off_t ultotal,
+                      curl_off_t ulnow) {
+    auto* task = static_cast<URLSessionTask*>(user);
+    // Request time-out: no byte either way for that long.
+    auto now = std::chrono::steady_clock::now();
+    if (dlnow + ulnow != task->bytesMoved_) {
+      task->bytesMoved_ = dlnow + ulnow;
+      task->lastActivity_ = now;
+    } else if (now - task->lastActivity_ > task->requestTimeout_) {
+      task->timedOut_ = true;
+      return 1;
+    }
+    if (ulnow > task->bytesSent_ && !task->completion_) {
+      std::int64_t sent = ulnow - task->bytesSent_;
+      task->bytesSent_ = ulnow;
+      std::int64_t expected = task->bodyLength_ >= 0 ? task->bodyLength_ : (ultotal > 0 ? ultotal : -1);
+      auto self = task->shared_from_this();
+      task->session_->deliver([self, sent, total = static_cast<std::int64_t>(ulnow), expected] {
+        if (auto delegate = self->session_->delegate()) {
+          delegate->didSendBodyData(*self, sent, total, expected);
+        }
+      });
+    }
+    return 0;
+  }
+};
+
+CurlEngine& CurlEngine::shared() {
+  // Never destroyed: transfers may still be in flight while the process exits.
+  static auto* engine = new CurlEngine;
+  return *engine;
+}
+
+CurlEngine::CurlEngine() {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  multi_ = curl_multi_init();
+  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, 6L);
+  thread_ = std::thread([this] { run(); });
+  thread_.detach();
+}
+
+void CurlEngine::injectFailureForTesting(long code) { gInjectedFailure.store(code); }
+
+std::size_t CurlEngine::activeTransfers() { return activeCount_.load(); }
+
+long CurlEngine::platformCodeForCurlCode(CURLcode code) {
+  switch (code) {
+    case CURLE_OK:
+      return 0;
+    case CURLE_OPERATION_TIMEDOUT:
+      return -1001;  // timed out
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return -1002;  // unsupported URL
+    case CURLE_URL_MALFORMAT:
+      return -1000;  // bad URL
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return -1003;  // cannot find host
+    case CURLE_COULDNT_CONNECT:
+      return -1004;  // cannot connect to host
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+    case CURLE_READ_ERROR:
+    case CURLE_ABORTED_BY_CALLBACK:
+    case CURLE_HTTP2_STREAM:
+      return -1005;  // network connection lost
+    case CURLE_TOO_MANY_REDIRECTS:
+      return -1007;
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_FILESIZE_EXCEEDED:
+      return -1011;  // bad server response
+    case CURLE_WRITE_ERROR:
+      return -3003;  // cannot write to file
+    case CURLE_SSL_CONNECT_ERROR:
+      return -1200;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return -1202;
+    default:
+      return -1005;
+  }
+}
+
+void CurlEngine::post(std::function<void()> command) {
+  {
+    std::lock_guard lock(mutex_);
+    commands_.push_back(std::move(command));
+  }
+  curl_multi_wakeup(multi_);
+}
+
+void CurlEngine::start(std::shared_ptr<URLSessionTask> task) {
+  post([this, task = std::move(task)] { begin(task); });
+}
+
+void CurlEngine::setPaused(std::shared_ptr<URLSessionTask> task, bool paused) {
+  post([task = std::move(task), paused] {
+    if (task->easy_ != nullptr) curl_easy_pause(task->easy_, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
+  });
+}
+
+void CurlEngine::cancel(std::shared_ptr<URLSessionTask> task) {
+  post([this, task = std::move(task)] {
+    {
+      std::lock_guard lock(task->mutex_);
+      if (task->state_ == URLSessionTask::State::kCompleted) return;
+    }
+    finishWithCode(task, -999, "cancelled");
+  });
+}
+
+void CurlEngine::run() {
+  for (;;) {
+    std::vector<std::function<void()>> commands;
+    {
+      std::lock_guard lock(mutex_);
+      commands.swap(commands_);
+    }
+    for (auto& command : commands) command();
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      auto it = active_.find(message->easy_handle);
+      if (it == active_.end()) continue;
+      std::shared_ptr<URLSessionTask> task = it->second;
+      finish(task, message->data.result);
+    }
+    curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+  }
+}
+
+void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
+  {
+    std::lock_guard lock(task->mutex_);
+    if (task->state_ == URLSessionTask::State::kCompleted) return;
+  }
+  const URLRequest& request = task->request_;
+  const URLSessionConfiguration& configuration = task->session_->configuration();
+  CURL* easy = curl_easy_init();
+  if (easy == nullptr) {
+    finishWithCode(task, -1, "the transfer engine could not make a transfer");
+    return;
+  }
+  task->easy_ = easy;
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &CurlCallbacks::header);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, task.get());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlCallbacks::write);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, task.get());
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &CurlCallbacks::progress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, task.get());
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+
+  // Request time-out: no byte for that long. Resource time-out: the whole transfer.
+  double requestTimeout = request.timeoutInterval > 0 ? request.timeoutInterval
+                          : configuration.timeoutIntervalForRequest.value_or(60);
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(requestTimeout * 1000));
+  task->requestTimeout_ = std::chrono::milliseconds(static_cast<long>(requestTimeout * 1000));
+  task->lastActivity_ = std::chrono::steady_clock::now();
+  double resourceTimeout = configuration.timeoutIntervalForResource.value_or(7 * 24 * 3600);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceTimeout * 1000));
+
+  // The request's headers as given and in order, then the session's extra
+  // headers that the request does not set itself.
+  URLRequest::Headers headers = request.headers;
+  for (const auto& header : configuration.HTTPAdditionalHeaders) {
+    if (!hasHeader(headers, header.first.c_str())) headers.push_back(header);
+  }
+  bool streamed = request.httpBodyStream != nullptr;
+  if (streamed && !hasHeader(headers, "Transfer-Encoding")) {
+    headers.emplace_back("Transfer-Encoding", "chunked");
+  }
+  for (const auto& [name, value] : headers) {
+    std::string line = value.empty() ? name + ";" : name + ": " + value;
+    task->headerList_ = curl_slist_append(task->headerList_, line.c_str());
+  }
+  task->headerList_ = curl_slist_append(task->headerList_, "Expect:");
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, task->headerList_);
+
+  if (request.httpMethod == "POST") {
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+  } else if (request.httpMethod != "GET") {
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
+  }
+
+  if (task->kind_ == URLSessionTask::Kind::kUploadFromFile) {
+    struct stat st {};
+    task->body_ = std::make_shared<InputStream>(task->uploadFilePath_, 0);
+    if (!task->body_->isOpen() || ::stat(task->uploadFilePath_.c_str(), &st) != 0) {
+      finishWithCode(task, -1100, "The file to upload does not exist");
+      return;
+    }
+    task->bodyLength_ = st.st_size;
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(st.st_size));
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, &CurlCallbacks::read);
+    curl_easy_setopt(easy, CURLOPT_READDATA, task.get());
+  } else if (streamed) {
+    task->body_ = request.httpBodyStream;
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, &CurlCallbacks::read);
+    curl_easy_setopt(easy, CURLOPT_READDATA, task.get());
+  } else if (!request.httpBody.empty() || request.httpMethod == "POST") {
+    task->bodyLength_ = static_cast<std::int64_t>(request.httpBody.size());
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(request.httpBody.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.httpBody.data());
+  }
+
+  if (task->kind_ == URLSessionTask::Kind::kDownload) {
+    std::string path = temporaryFolder() + "/CFNetworkDownload_XXXXXX.tmp";
+    task->downloadFd_ = ::mkostemps(path.data(), 4, O_CLOEXEC);
+    if (task->downloadFd_ < 0) {
+      finishWithCode(task, -3000, "Cannot create the download file");
+      return;
+    }
+    task->downloadPath_ = path;
+  }
+
+  if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+    finishWithCode(task, -1, "the transfer engine could not start a transfer");
+    return;
+  }
+  active_.emplace(easy, task);
+  activeCount_.store(active_.size());
+  bool paused = false;
+  {
+    std::lock_guard lock(task->mutex_);
+    paused = task->state_ == URLSessionTask::State::kSuspended;
+  }
+  if (paused) curl_easy_pause(easy, CURLPAUSE_ALL);
+}
+
+void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, CURLcode result) {
+  if (result == CURLE_OK) {
+    finishWithCode(task, 0, "");
+  } else if (result == CURLE_ABORTED_BY_CALLBACK && task->timedOut_) {
+    finishWithCode(task, -1001, "The request timed out.");
+  } else {
+    finishWithCode(task, platformCodeForCurlCode(result), curl_easy_strerror(result));
+  }
+}
+
+void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, long code,
+                                std::string description) {
+  if (task->easy_ != nullptr) {
+    active_.erase(task->easy_);
+    activeCount_.store(active_.size());
+    curl_multi_remove_handle(multi_, task->easy_);
+    curl_easy_cleanup(task->easy_);
+    task->easy_ = nullptr;
+  }
+  curl_slist_free_all(task->headerList_);
+  task->headerList_ = nullptr;
+  if (task->downloadFd_ >= 0) {
+    ::close(task->downloadFd_);
+    task->downloadFd_ = -1;
+  }
+  task->body_.reset();
+
+  if (long injected = gInjectedFailure.exchange(0); injected != 0) {
+    code = injected;
+    description = "injected failure";
+  }
+  std::optional<PlatformError> error;
+  if (code != 0) error.emplace(PlatformError::kURLErrorDomain, code, description);
+  {
+    std::lock_guard lock(task->mutex_);
+    task->state_ = URLSessionTask::State::kCompleted;
+  }
+  std::string data = task->kind_ == URLSessionTask::Kind::kDownload ? task->downloadPath_
+                                                                     : std::move(task->received_);
+  std::string downloadPath = task->downloadPath_;
+  task->session_->deliver([task, data = std::move(data), error, downloadPath] {
+    std::optional<URLResponse> response = task->response();
+    // Moved out so that what the handler captures is released once it returns.
+    URLSessionTask::Completion completion = std::move(task->completion_);
+    if (completion) {
+      completion(error ? std::string() : data, response, error);
+    } else if (auto delegate = task->session_->delegate()) {
+      delegate->didCompleteWithError(*task, error);
+    }
+    if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
+  });
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+class URLSessionTask;
+
+// The one thread that drives every transfer through libcurl's multi interface.
+// Other threads hand it commands; it runs them between polls.
+class CurlEngine {
+ public:
+  static CurlEngine& shared();
+
+  void start(std::shared_ptr<URLSessionTask> task);
+  void setPaused(std::shared_ptr<URLSessionTask> task, bool paused);
+  void cancel(std::shared_ptr<URLSessionTask> task);
+
+  // Tests: the next transfer to finish reports platform error `code` (-1, the
+  // engine's own "unknown" failure) whatever really happened.
+  static void injectFailureForTesting(long code);
+  // Tests: transfers that are in flight now.
+  std::size_t activeTransfers();
+
+  // The platform error code of a curl result.
+  static long platformCodeForCurlCode(CURLcode code);
+
+ private:
+  CurlEngine();
+  void post(std::function<void()> command);
+  void run();
+  void begin(const std::shared_ptr<URLSessionTask>& task);
+  void finish(const std::shared_ptr<URLSessionTask>& task, CURLcode result);
+  // Ends `task` and reports it on its session's delegate queue.
+  void finishWithCode(const std::shared_ptr<URLSessionTask>& task, long code,
+                      std::string description);
+
+  CURLM* multi_ = nullptr;
+  std::mutex mutex_;  // guards commands_
+  std::vector<std::function<void()>> commands_;
+  std::map<CURL*, std::shared_ptr<URLSessionTask>> active_;  // engine thread only
+  std::atomic<std::size_t> activeCount_{0};
+  std::thread thread_;
+};

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Platform/PlatformError.h"
+#include "Platform/URLRequest.h"
+#include "Platform/URLResponse.h"
+
+class URLSession;
+
+// One exchange of a session. It starts suspended; resume() sends it. It reports
+// exactly once, on the session's delegate queue: to its completion handler when it
+// has one, else to the session's delegate. cancel() ends it with error -999.
+class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
+ public:
+  enum class State { kRunning, kSuspended, kCanceling, kCompleted };
+  enum class Kind { kData, kUploadFromFile, kDownload };
+  // data: the whole answer; for a download task, the path of the downloaded file,
+  // which is removed once the handler returns.
+  using Completion = std::function<void(const std::string& data,
+                                        const std::optional<URLResponse>& response,
+                                        const std::optional<PlatformError>& error)>;
+
+  URLSessionTask(std::shared_ptr<URLSession> session, Kind kind, URLRequest request,
+                 Completion completion);
+  ~URLSessionTask();
+  URLSessionTask(const URLSessionTask&) = delete;
+  URLSessionTask& operator=(const URLSessionTask&) = delete;
+
+  void resume();
+  void suspend();
+  void cancel();
+
+  State state() const;
+  std::uint64_t taskIdentifier() const { return identifier_; }
+  std::string taskDescription() const;
+  void setTaskDescription(std::string description);
+  std::optional<URLResponse> response() const;
+  const URLRequest& originalRequest() const { return request_; }
+
+ private:
+  friend class CurlEngine;
+  friend struct CurlCallbacks;
+  friend class URLSession;
+
+  std::shared_ptr<URLSession> session_;
+  const Kind kind_;
+  const URLRequest request_;
+  Completion completion_;
+  const std::uint64_t identifier_;
+  std::string uploadFilePath_;  // Kind::kUploadFromFile
+
+  mutable std::mutex mutex_;  // guards the members below
+  State state_ = State::kSuspended;
+  bool started_ = false;
+  std::string description_;
+  std::optional<URLResponse> response_;
+
+  // Engine thread only.
+  CURL* easy_ = nullptr;
+  curl_slist* headerList_ = nullptr;
+  std::string received_;
+  std::string downloadPath_;
+  int downloadFd_ = -1;
+  std::shared_ptr<InputStream> body_;
+  std::size_t bodyOffset_ = 0;
+  std::int64_t bodyLength_ = -1;
+  std::int64_t bytesSent_ = 0;
+  URLResponse pendingResponse_;
+  std::chrono::milliseconds requestTimeout_{60000};
+  std::chrono::steady_clock::time_point lastActivity_;
+  curl_off_t bytesMoved_ = 0;
+  bool timedOut_ = false;
+};

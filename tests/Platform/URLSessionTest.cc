@@ -1,0 +1,350 @@
+#include "Platform/URLSession.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+
+#include "Platform/CurlEngine.h"
+#include "Platform/DispatchQueues.h"
+#include "ReferenceServer.h"
+#include "support/TemporaryFolder.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+struct Outcome {
+  std::string data;
+  std::optional<URLResponse> response;
+  std::optional<PlatformError> error;
+  bool onMainQueue = false;
+};
+
+URLSession::DelegateQueue mainQueue() {
+  return [](Scheduler::Work work) { DispatchQueues::shared().dispatchMain(std::move(work)); };
+}
+
+class Recorder : public URLSessionDelegate {
+ public:
+  void didReceiveData(URLSessionTask& /*task*/, const std::string& data) override {
+    std::lock_guard lock(mutex);
+    received += data;
+  }
+  void didSendBodyData(URLSessionTask& /*task*/, std::int64_t sent, std::int64_t total,
+                       std::int64_t expected) override {
+    std::lock_guard lock(mutex);
+    sentSum += sent;
+    lastTotal = total;
+    lastExpected = expected;
+  }
+  void didCompleteWithError(URLSessionTask& /*task*/,
+                            const std::optional<PlatformError>& error) override {
+    done.set_value(error);
+  }
+  std::mutex mutex;
+  std::string received;
+  std::int64_t sentSum = 0, lastTotal = 0, lastExpected = 0;
+  std::promise<std::optional<PlatformError>> done;
+};
+
+class URLSessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override { server.start(); }
+
+  URLRequest post(const std::string& operation, std::string body = "{}") const {
+    URLRequest request;
+    request.url = server.baseURL() + operation;
+    request.httpMethod = "POST";
+    request.httpBody = std::move(body);
+    return request;
+  }
+
+  Outcome run(const std::function<std::shared_ptr<URLSessionTask>(
+                  const std::shared_ptr<URLSession>&, URLSessionTask::Completion)>& make,
+              URLSessionConfiguration configuration = {}) {
+    auto session = URLSession::sessionWithConfiguration(configuration, {}, mainQueue());
+    std::promise<Outcome> promise;
+    auto task = make(session, [&](const std::string& data, const std::optional<URLResponse>& r,
+                                  const std::optional<PlatformError>& e) {
+      promise.set_value({data, r, e, DispatchQueues::shared().isMainQueueThread()});
+    });
+    task->resume();
+    auto future = promise.get_future();
+    if (future.wait_for(30s) != std::future_status::ready) throw std::runtime_error("no report");
+    return future.get();
+  }
+
+  Outcome runData(URLRequest request, URLSessionConfiguration configuration = {}) {
+    return run([&](const auto& session, auto done) {
+      return session->dataTaskWithRequest(request, std::move(done));
+    }, std::move(configuration));
+  }
+
+  ReferenceServer server;
+  TemporaryFolder folder;
+};
+
+// Accepts one connection on loopback and keeps what the client sent.
+class RawListener {
+ public:
+  RawListener() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::listen(fd_, 1);
+    socklen_t length = sizeof address;
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] {
+      int client = ::accept(fd_, nullptr, nullptr);
+      char buffer[65536];
+      std::string text;
+      while (text.find("\r\n\r\n") == std::string::npos) {
+        ssize_t n = ::read(client, buffer, sizeof buffer);
+        if (n <= 0) break;
+        text.append(buffer, static_cast<size_t>(n));
+      }
+      const char* reply = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\n{}";
+      (void)!::write(client, reply, std::strlen(reply));
+      ::close(client);
+      received_.set_value(text);
+    });
+  }
+  ~RawListener() {
+    thread_.join();
+    ::close(fd_);
+  }
+  int port() const { return port_; }
+  std::string headerText() { return received_.get_future().get(); }
+
+ private:
+  int fd_;
+  int port_;
+  std::thread thread_;
+  std::promise<std::string> received_;
+};
+
+}  // namespace
+
+TEST_F(URLSessionTest, DataTaskDeliversTheWholeAnswerAndResponseOnTheDelegateQueue) {
+  server.script("Echo", ReferenceServer::json({{"ReturnStatus", "0"}, {"x", 1}}, 500));
+  URLRequest request = post("Echo", R"({"a":"b"})");
+  request.setValueForHTTPHeaderField("application/json", "Content-Type");
+  Outcome outcome = runData(request);
+  EXPECT_FALSE(outcome.error);
+  EXPECT_TRUE(outcome.onMainQueue);
+  EXPECT_EQ(outcome.data, R"({"ReturnStatus":"0","x":1})");
+  ASSERT_TRUE(outcome.response);
+  EXPECT_EQ(outcome.response->statusCode, 500);
+  auto seen = server.requestsFor("Echo");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].method, "POST");
+  EXPECT_EQ(seen[0].body, R"({"a":"b"})");
+  EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
+}
+
+TEST_F(URLSessionTest, HeadersGoOutAsGivenInOrderWithoutExpectAndSessionHeadersAfter) {
+  RawListener listener;
+  URLRequest request;
+  request.url = "http://127.0.0.1:" + std::to_string(listener.port()) + "/x";
+  request.httpMethod = "POST";
+  request.httpBody = std::string(5000, 'b');  // large enough for curl to want Expect
+  request.setValueForHTTPHeaderField("5000", "Content-Length");
+  request.setValueForHTTPHeaderField("zeta", "Z-Header");
+  request.setValueForHTTPHeaderField("application/json", "Content-Type");
+  request.setValueForHTTPHeaderField("alpha", "A-Header");
+  URLSessionConfiguration configuration;
+  configuration.HTTPAdditionalHeaders = {{"Accept", "application/json"},
+                                         {"Content-Type", "text/plain"}};
+  Outcome outcome = runData(request, configuration);
+  EXPECT_FALSE(outcome.error);
+  std::string text = listener.headerText();
+  auto at = [&](const std::string& line) { return text.find("\r\n" + line + "\r\n"); };
+  ASSERT_NE(at("Content-Length: 5000"), std::string::npos) << text;
+  EXPECT_LT(at("Content-Length: 5000"), at("Z-Header: zeta"));
+  EXPECT_LT(at("Z-Header: zeta"), at("Content-Type: application/json"));
+  EXPECT_LT(at("Content-Type: application/json"), at("A-Header: alpha"));
+  EXPECT_LT(at("A-Header: alpha"), at("Accept: application/json"));
+  EXPECT_EQ(text.find("Expect:"), std::string::npos) << text;
+  EXPECT_EQ(text.find("text/plain"), std::string::npos) << "the request's own value wins";
+}
+
+TEST_F(URLSessionTest, StreamedUploadSendsTheFileFromItsOffsetChunkedAndReportsProgress) {
+  std::string content;
+  for (int i = 0; i < 200000; ++i) content += static_cast<char>('a' + i % 26);
+  std::ofstream(folder.file("f.bin"), std::ios::binary) << content;
+  URLRequest request = post("MAC/SharedFiles.svc/UploadFileWithStream", "");
+  request.setValueForHTTPHeaderField("application/octet-stream", "Content-Type");
+  request.httpBodyStream = std::make_shared<InputStream>(folder.file("f.bin"), 1000);
+  auto recorder = std::make_shared<Recorder>();
+  auto session = URLSession::sessionWithConfiguration({}, recorder, mainQueue());
+  auto task = session->uploadTaskWithStreamedRequest(request);
+  task->resume();
+  auto done = recorder->done.get_future();
+  ASSERT_EQ(done.wait_for(30s), std::future_status::ready);
+  EXPECT_FALSE(done.get());
+  auto seen = server.requestsFor("MAC/SharedFiles.svc/UploadFileWithStream");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].body, content.substr(1000));
+  EXPECT_EQ(seen[0].header("Transfer-Encoding"), "chunked");
+  EXPECT_EQ(seen[0].header("Content-Length"), "");
+  std::lock_guard lock(recorder->mutex);
+  EXPECT_EQ(recorder->received, R"({"ReturnStatus":"0"})");
+  EXPECT_GE(recorder->sentSum, 199000);
+  EXPECT_EQ(recorder->sentSum, recorder->lastTotal);
+}
+
+TEST_F(URLSessionTest, UploadFromFileSendsItsLengthAndDownloadHandsOverAFileRemovedAfterwards) {
+  std::ofstream(folder.file("up.txt")) << "file body";
+  Outcome uploaded = run([&](const auto& session, auto done) {
+    return session->uploadTaskWithRequest(post("Up", ""), folder.file("up.txt"), std::move(done));
+  });
+  EXPECT_FALSE(uploaded.error);
+  auto seen = server.requestsFor("Up");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].body, "file body");
+  EXPECT_EQ(seen[0].header("Content-Length"), "9");
+
+  Outcome missing = run([&](const auto& session, auto done) {
+    return session->uploadTaskWithRequest(post("Up", ""), folder.file("none"), std::move(done));
+  });
+  ASSERT_TRUE(missing.error);
+  EXPECT_EQ(missing.error->code(), -1100);
+
+  // The reference server answers POST only: a GET download gets its 404 page.
+  std::string location;
+  std::string contents;
+  auto session = URLSession::sessionWithConfiguration({}, {}, mainQueue());
+  std::promise<void> finished;
+  auto task = session->downloadTaskWithURL(
+      server.baseURL() + "Down",
+      [&](const std::string& path, const std::optional<URLResponse>& response,
+          const std::optional<PlatformError>& error) {
+        EXPECT_FALSE(error);
+        EXPECT_EQ(response->statusCode, 404);
+        location = path;
+        EXPECT_TRUE(std::filesystem::exists(path));
+        finished.set_value();
+      });
+  task->resume();
+  finished.get_future().wait();
+  std::promise<void> later;
+  DispatchQueues::shared().dispatchMain([&] { later.set_value(); });
+  later.get_future().wait();
+  EXPECT_FALSE(location.empty());
+  EXPECT_FALSE(std::filesystem::exists(location)) << "removed once the handler returned";
+}
+
+TEST_F(URLSessionTest, TransportFailuresMapToThePlatformCodes) {
+  server.script("Drop", [] {
+    auto reply = ReferenceServer::raw(std::string(10000, 'x'));
+    reply.dropAfter = 100;
+    return reply;
+  }());
+  server.script("Slow", [] {
+    ReferenceServer::Reply reply;
+    reply.delay = 3s;
+    return reply;
+  }());
+  server.script("Endless", [] {
+    ReferenceServer::Reply reply;
+    reply.neverEnds = true;
+    return reply;
+  }());
+
+  Outcome dropped = runData(post("Drop"));
+  ASSERT_TRUE(dropped.error);
+  EXPECT_EQ(dropped.error->code(), -1005);
+  EXPECT_EQ(dropped.error->domain(), "NSURLErrorDomain");
+
+  URLRequest slow = post("Slow");
+  slow.timeoutInterval = 1;
+  Outcome timedOut = runData(slow);
+  ASSERT_TRUE(timedOut.error);
+  EXPECT_EQ(timedOut.error->code(), -1001);
+
+  URLSessionConfiguration shortResource;
+  shortResource.timeoutIntervalForResource = 1.5;
+  Outcome endless = runData(post("Endless"), shortResource);
+  ASSERT_TRUE(endless.error);
+  EXPECT_EQ(endless.error->code(), -1001);
+
+  ReferenceServer closed;
+  int port = closed.start();
+  closed.stop();
+  URLRequest refused = post("X");
+  refused.url = "http://127.0.0.1:" + std::to_string(port) + "/TallowboxRestService/X";
+  Outcome refusedOutcome = runData(refused);
+  ASSERT_TRUE(refusedOutcome.error);
+  EXPECT_EQ(refusedOutcome.error->code(), -1004);
+
+  URLRequest malformed = post("X");
+  malformed.url = "ftp://127.0.0.1/";
+  Outcome unsupported = runData(malformed);
+  ASSERT_TRUE(unsupported.error);
+  EXPECT_EQ(unsupported.error->code(), -1002);
+
+  CurlEngine::injectFailureForTesting(-1);
+  Outcome injected = runData(post("Echo"));
+  ASSERT_TRUE(injected.error);
+  EXPECT_EQ(injected.error->code(), -1);
+}
+
+TEST_F(URLSessionTest, CancelEndsTheTaskWithMinus999AndSuspendHoldsItUntilResume) {
+  server.script("Slow", [] {
+    ReferenceServer::Reply reply;
+    reply.delay = 10s;
+    return reply;
+  }());
+  Outcome cancelled = run([&](const auto& session, auto done) {
+    auto task = session->dataTaskWithRequest(post("Slow"), std::move(done));
+    task->resume();
+    task->cancel();
+    return task;
+  });
+  ASSERT_TRUE(cancelled.error);
+  EXPECT_EQ(cancelled.error->code(), -999);
+
+  std::shared_ptr<URLSessionTask> task;
+  Outcome resumed = run([&](const auto& session, auto done) {
+    task = session->dataTaskWithRequest(post("Echo"), std::move(done));
+    task->resume();
+    task->suspend();
+    EXPECT_EQ(task->state(), URLSessionTask::State::kSuspended);
+    return task;  // run() resumes it
+  });
+  EXPECT_FALSE(resumed.error);
+  EXPECT_EQ(task->state(), URLSessionTask::State::kCompleted);
+}
+
+TEST_F(URLSessionTest, SessionAndTaskAreReleasedOnceTheExchangeHasReported) {
+  std::weak_ptr<URLSession> weakSession;
+  std::weak_ptr<URLSessionTask> weakTask;
+  std::promise<void> reported;
+  {
+    auto session = URLSession::sessionWithConfiguration({}, {}, mainQueue());
+    auto task = session->dataTaskWithRequest(
+        post("Echo"), [&reported, session](const std::string&, const std::optional<URLResponse>&,
+                                           const std::optional<PlatformError>&) {
+          reported.set_value();
+        });
+    weakSession = session;
+    weakTask = task;
+    task->resume();
+  }
+  reported.get_future().wait();
+  for (int i = 0; i < 100 && (!weakSession.expired() || !weakTask.expired()); ++i) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_TRUE(weakSession.expired());
+  EXPECT_TRUE(weakTask.expired());
+  EXPECT_EQ(CurlEngine::shared().activeTransfers(), 0U);
+}

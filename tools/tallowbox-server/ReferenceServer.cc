@@ -1,0 +1,163 @@
+#include "ReferenceServer.h"
+
+#include <httplib.h>
+#include <strings.h>
+
+#include <stdexcept>
+
+namespace {
+constexpr const char* kPrefix = "/TallowboxRestService/";
+}  // namespace
+
+ReferenceServer::Reply ReferenceServer::json(const nlohmann::json& body, int status) {
+  Reply reply;
+  reply.status = status;
+  reply.body = body.dump();
+  return reply;
+}
+
+ReferenceServer::Reply ReferenceServer::raw(std::string bytes, std::string contentType) {
+  Reply reply;
+  reply.body = std::move(bytes);
+  reply.contentType = std::move(contentType);
+  return reply;
+}
+
+std::string ReferenceServer::Request::header(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (::strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+  }
+  return "";
+}
+
+ReferenceServer::ReferenceServer() : server_(std::make_unique<httplib::Server>()) { install(); }
+
+ReferenceServer::~ReferenceServer() { stop(); }
+
+int ReferenceServer::start(const std::string& host, int port) {
+  host_ = host;
+  port_ = port == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, port) ? port : -1);
+  if (port_ <= 0) throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
+  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  // The socket is bound already, so clients can connect; wait for the accept loop.
+  for (int i = 0; i < 5000 && !server_->is_running(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!server_->is_running()) throw std::runtime_error("the server did not start");
+  return port_;
+}
+
+void ReferenceServer::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+  }
+  stopping_.notify_all();
+  server_->stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+std::string ReferenceServer::baseURL() const {
+  return "http://" + host_ + ":" + std::to_string(port_) + kPrefix;
+}
+
+void ReferenceServer::script(const std::string& operation, Reply reply) {
+  std::lock_guard lock(mutex_);
+  scripts_[operation].push_back(std::move(reply));
+}
+
+void ReferenceServer::clearScripts() {
+  std::lock_guard lock(mutex_);
+  scripts_.clear();
+}
+
+std::vector<ReferenceServer::Request> ReferenceServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+std::vector<ReferenceServer::Request> ReferenceServer::requestsFor(
+    const std::string& operation) const {
+  std::vector<Request> matching;
+  for (Request& request : requests()) {
+    if (request.operation == operation) matching.push_back(std::move(request));
+  }
+  return matching;
+}
+
+void ReferenceServer::clearRequests() {
+  std::lock_guard lock(mutex_);
+  requests_.clear();
+}
+
+ReferenceServer::Reply ReferenceServer::nextReply(const std::string& operation) {
+  std::lock_guard lock(mutex_);
+  auto it = scripts_.find(operation);
+  if (it == scripts_.end() || it->second.empty()) return Reply{};
+  std::vector<Reply>& replies = it->second;
+  Reply reply = replies.front();
+  if (replies.size() > 1 && (reply.times <= 1 || --replies.front().times == 0)) {
+    replies.erase(replies.begin());
+  }
+  return reply;
+}
+
+bool ReferenceServer::pause(std::chrono::milliseconds duration) {
+  std::unique_lock lock(mutex_);
+  return !stopping_.wait_for(lock, duration, [this] { return stopped_; });
+}
+
+void ReferenceServer::install() {
+  // One request per connection, so that stopping never waits on idle clients.
+  server_->set_keep_alive_max_count(1);
+  server_->set_payload_max_length(1ULL << 32);
+  server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,
+                                                        httplib::Response& response) {
+    Request recorded{request.method, request.matches[1].str(), {}, request.body};
+    // cpp-httplib keeps headers sorted by name; their order on the wire is lost.
+    for (const auto& [name, value] : request.headers) {
+      if (name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" &&
+          name != "LOCAL_PORT") {
+        recorded.headers.emplace_back(name, value);
+      }
+    }
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back(recorded);
+    }
+    Reply reply = nextReply(recorded.operation);
+    if (reply.delay.count() > 0 && !pause(reply.delay)) return;
+    response.status = reply.status;
+    auto body = std::make_shared<std::string>(std::move(reply.body));
+    if (reply.dropAfter) {
+      std::size_t cut = std::min(*reply.dropAfter, body->size());
+      response.set_content_provider(
+          body->size() + 1, reply.contentType,
+          [body, cut](size_t offset, size_t /*length*/, httplib::DataSink& sink) {
+            if (offset < cut) sink.write(body->data() + offset, cut - offset);
+            return offset < cut;  // false drops the connection
+          });
+    } else if (reply.neverEnds) {
+      response.set_chunked_content_provider(
+          reply.contentType, [this, sent = false](size_t /*offset*/, httplib::DataSink& sink) mutable {
+            if (!sent) {
+              sent = sink.write("{", 1);
+              return sent;
+            }
+            return pause(std::chrono::milliseconds(100));
+          });
+    } else if (reply.chunkSize > 0) {
+      std::size_t chunk = reply.chunkSize;
+      response.set_chunked_content_provider(
+          reply.contentType, [body, chunk](size_t offset, httplib::DataSink& sink) {
+            if (offset >= body->size()) {
+              sink.done();
+              return true;
+            }
+            return sink.write(body->data() + offset, std::min(chunk, body->size() - offset));
+          });
+    } else {
+      response.set_content(*body, reply.contentType);
+    }
+  });
+}

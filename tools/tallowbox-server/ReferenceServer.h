@@ -1,0 +1,90 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace httplib {
+class Server;
+}
+
+// The reference server of the Tallowbox REST service, for tests, the demo and
+// benchmarks. It answers POSTs to any operation below "/TallowboxRestService/".
+// Each operation's reply can be scripted; every request is recorded.
+class ReferenceServer {
+ public:
+  // One scripted reply.
+  struct Reply {
+    int status = 200;
+    std::string body = R"({"ReturnStatus":"0"})";
+    std::string contentType = "application/json";
+    std::chrono::milliseconds delay{0};  // before the reply starts
+    // Sends the status line, headers and only this many bytes of the body, then
+    // drops the connection.
+    std::optional<std::size_t> dropAfter;
+    // Sends the headers and a first byte, then nothing until the server stops.
+    bool neverEnds = false;
+    // Sends the body in chunks of this size (chunked transfer encoding).
+    std::size_t chunkSize = 0;
+    // How many requests this reply answers before the next scripted one (0: all).
+    int times = 0;
+  };
+  static Reply json(const nlohmann::json& body, int status = 200);
+  static Reply raw(std::string bytes, std::string contentType = "application/octet-stream");
+
+  struct Request {
+    std::string method;
+    std::string operation;  // the path below "/TallowboxRestService/"
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+    std::string header(const std::string& name) const;  // first value, "" when absent
+  };
+
+  ReferenceServer();
+  ~ReferenceServer();
+  ReferenceServer(const ReferenceServer&) = delete;
+  ReferenceServer& operator=(const ReferenceServer&) = delete;
+
+  // Listens on `host`:`port` (0: any free port) in a thread of its own; returns the
+  // port. Throws std::runtime_error when it cannot listen.
+  int start(const std::string& host = "127.0.0.1", int port = 0);
+  void stop();
+
+  int port() const { return port_; }
+  // "http://<host>:<port>/TallowboxRestService/"
+  std::string baseURL() const;
+
+  // Replies for `operation`, in order; the last one stays for every later request.
+  void script(const std::string& operation, Reply reply);
+  void clearScripts();
+
+  std::vector<Request> requests() const;
+  std::vector<Request> requestsFor(const std::string& operation) const;
+  void clearRequests();
+
+ private:
+  void install();
+  Reply nextReply(const std::string& operation);
+  // Sleeps up to `duration`; false when the server is stopping.
+  bool pause(std::chrono::milliseconds duration);
+
+  std::unique_ptr<httplib::Server> server_;
+  std::thread thread_;
+  std::string host_ = "127.0.0.1";
+  int port_ = 0;
+
+  mutable std::mutex mutex_;  // guards the members below
+  std::condition_variable stopping_;
+  bool stopped_ = false;
+  std::map<std::string, std::vector<Reply>> scripts_;
+  std::vector<Request> requests_;
+};

@@ -1,0 +1,38 @@
+// tallowbox-server: the reference server on loopback, for the demo and benchmarks.
+// Prints its base URL, then serves until SIGTERM or SIGINT.
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include "ReferenceServer.h"
+
+int main(int argc, char** argv) {
+  std::string host = "127.0.0.1";
+  int port = 8642;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    if (std::strcmp(argv[i], "--host") == 0) host = argv[i + 1];
+    if (std::strcmp(argv[i], "--port") == 0) port = std::atoi(argv[i + 1]);
+  }
+  // Signals are taken by sigwait below, not by the server's threads.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  ReferenceServer server;
+  try {
+    server.start(host, port);
+  } catch (const std::exception& e) {
+    std::cerr << "tallowbox-server: " << e.what() << "\n";
+    return 1;
+  }
+  std::cout << server.baseURL() << std::endl;
+  int received = 0;
+  sigwait(&signals, &received);
+  server.stop();
+  return 0;
+}
