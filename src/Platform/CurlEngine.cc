@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <strings.h>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
 #include <filesystem>
 
 #include "Platform/Log.h"
@@ -107,7 +107,8 @@ struct CurlCallbacks {
     if (ulnow > task->bytesSent_ && !task->completion_) {
       std::int64_t sent = ulnow - task->bytesSent_;
       task->bytesSent_ = ulnow;
-      std::int64_t expected = task->bodyLength_ >= 0 ? task->bodyLength_ : (ultotal > 0 ? ultotal : -1);
+      std::int64_t expected =
+          task->bodyLength_ >= 0 ? task->bodyLength_ : (ultotal > 0 ? ultotal : -1);
       auto self = task->shared_from_this();
       task->session_->deliver([self, sent, total = static_cast<std::int64_t>(ulnow), expected] {
         if (auto delegate = self->session_->delegate()) {
@@ -191,7 +192,8 @@ void CurlEngine::start(std::shared_ptr<URLSessionTask> task) {
 
 void CurlEngine::setPaused(std::shared_ptr<URLSessionTask> task, bool paused) {
   post([task = std::move(task), paused] {
-    if (task->easy_ != nullptr) curl_easy_pause(task->easy_, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
+    if (task->easy_ != nullptr)
+      curl_easy_pause(task->easy_, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
   });
 }
 
@@ -254,8 +256,9 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
 
   // Request time-out: no byte for that long. Resource time-out: the whole transfer.
-  double requestTimeout = request.timeoutInterval > 0 ? request.timeoutInterval
-                          : configuration.timeoutIntervalForRequest.value_or(60);
+  double requestTimeout = request.timeoutInterval > 0
+                              ? request.timeoutInterval
+                              : configuration.timeoutIntervalForRequest.value_or(60);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(requestTimeout * 1000));
   task->requestTimeout_ = std::chrono::milliseconds(static_cast<long>(requestTimeout * 1000));
   task->lastActivity_ = std::chrono::steady_clock::now();
@@ -371,17 +374,15 @@ void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, lon
     task->state_ = URLSessionTask::State::kCompleted;
   }
   std::string data = task->kind_ == URLSessionTask::Kind::kDownload ? task->downloadPath_
-                                                                     : std::move(task->received_);
+                                                                    : std::move(task->received_);
   std::string downloadPath = task->downloadPath_;
   task->session_->deliver([task, data = std::move(data), error, downloadPath] {
     std::optional<URLResponse> response = task->response();
     // Moved out so that what the handler captures is released once it returns.
     URLSessionTask::Completion completion = std::move(task->completion_);
-    if (completion) {
-      completion(error ? std::string() : data, response, error);
-    } else if (auto delegate = task->session_->delegate()) {
-      delegate->didCompleteWithError(*task, error);
-    }
+    if (completion) completion(error ? std::string() : data, response, error);
+    // The delegate hears of every task's end, with or without a handler.
+    if (auto delegate = task->session_->delegate()) delegate->didCompleteWithError(*task, error);
     if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
   });
 }

@@ -96,9 +96,9 @@ std::shared_ptr<URLSessionTask> URLSession::dataTaskWithRequest(URLRequest reque
 
 std::shared_ptr<URLSessionTask> URLSession::uploadTaskWithRequest(
     URLRequest request, const std::string& fromFile, URLSessionTask::Completion completion) {
-  auto task = std::make_shared<URLSessionTask>(shared_from_this(),
-                                               URLSessionTask::Kind::kUploadFromFile,
-                                               std::move(request), std::move(completion));
+  auto task =
+      std::make_shared<URLSessionTask>(shared_from_this(), URLSessionTask::Kind::kUploadFromFile,
+                                       std::move(request), std::move(completion));
   task->uploadFilePath_ = fromFile;
   return task;
 }

@@ -18,16 +18,16 @@ class URLSession;
 
 // One exchange of a session. It starts suspended; resume() sends it. It reports
 // exactly once, on the session's delegate queue: to its completion handler when it
-// has one, else to the session's delegate. cancel() ends it with error -999.
+// has one, then to the session's delegate. cancel() ends it with error -999.
 class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
  public:
   enum class State { kRunning, kSuspended, kCanceling, kCompleted };
   enum class Kind { kData, kUploadFromFile, kDownload };
   // data: the whole answer; for a download task, the path of the downloaded file,
   // which is removed once the handler returns.
-  using Completion = std::function<void(const std::string& data,
-                                        const std::optional<URLResponse>& response,
-                                        const std::optional<PlatformError>& error)>;
+  using Completion =
+      std::function<void(const std::string& data, const std::optional<URLResponse>& response,
+                         const std::optional<PlatformError>& error)>;
 
   URLSessionTask(std::shared_ptr<URLSession> session, Kind kind, URLRequest request,
                  Completion completion);

@@ -24,3 +24,24 @@ bool ServicesUtilities::isLessThan10_10() {
   double floored = std::floor(*version);
   return floored >= 1138.0 && floored < 1343.0;
 }
+
+std::string ServicesUtilities::baseURL() {
+  const char* configured = std::getenv("TALLOWBOX_BASE_URL");  // NOLINT(concurrency-mt-unsafe)
+  return configured != nullptr && *configured != '\0' ? configured : TALLOWBOX_DEFAULT_BASE_URL;
+}
+
+std::string ServicesUtilities::convertPathToMac(const std::string& path) {
+  std::string local = "/" + path;
+  for (char& c : local) {
+    if (c == '\\') c = '/';
+  }
+  return local;
+}
+
+std::string ServicesUtilities::convertPathToWindows(const std::string& path) {
+  std::string server = path.empty() ? path : path.substr(1);
+  for (char& c : server) {
+    if (c == '/') c = '\\';
+  }
+  return server;
+}

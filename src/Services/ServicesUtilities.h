@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 // Small stateless helpers shared by the service and the server interface.
 class ServicesUtilities {
@@ -15,4 +16,13 @@ class ServicesUtilities {
   // The system is older than 10.10: the version number, rounded down, is at least
   // 1138 and below 1343. Older systems than 10.7 answer no as well.
   static bool isLessThan10_10();
+
+  // The server's base URL, ending in "TallowboxRestService/": TALLOWBOX_BASE_URL
+  // when set, else the one the service was built with.
+  static std::string baseURL();
+
+  // A server path ("a\\b") in local form: "/" + the path with every "\\" made "/".
+  static std::string convertPathToMac(const std::string& path);
+  // A local path in server form: the first character dropped, every "/" made "\\".
+  static std::string convertPathToWindows(const std::string& path);
 };

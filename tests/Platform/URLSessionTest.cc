@@ -81,9 +81,9 @@ class URLSessionTest : public ::testing::Test {
   }
 
   Outcome runData(URLRequest request, URLSessionConfiguration configuration = {}) {
-    return run([&](const auto& session, auto done) {
-      return session->dataTaskWithRequest(request, std::move(done));
-    }, std::move(configuration));
+    return run([&](const auto& session,
+                   auto done) { return session->dataTaskWithRequest(request, std::move(done)); },
+               std::move(configuration));
   }
 
   ReferenceServer server;
@@ -332,10 +332,9 @@ TEST_F(URLSessionTest, SessionAndTaskAreReleasedOnceTheExchangeHasReported) {
   {
     auto session = URLSession::sessionWithConfiguration({}, {}, mainQueue());
     auto task = session->dataTaskWithRequest(
-        post("Echo"), [&reported, session](const std::string&, const std::optional<URLResponse>&,
-                                           const std::optional<PlatformError>&) {
-          reported.set_value();
-        });
+        post("Echo"),
+        [&reported, session](const std::string&, const std::optional<URLResponse>&,
+                             const std::optional<PlatformError>&) { reported.set_value(); });
     weakSession = session;
     weakTask = task;
     task->resume();

@@ -36,7 +36,8 @@ ReferenceServer::~ReferenceServer() { stop(); }
 
 int ReferenceServer::start(const std::string& host, int port) {
   host_ = host;
-  port_ = port == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, port) ? port : -1);
+  port_ =
+      port == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, port) ? port : -1);
   if (port_ <= 0) throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // The socket is bound already, so clients can connect; wait for the accept loop.
@@ -139,7 +140,8 @@ void ReferenceServer::install() {
           });
     } else if (reply.neverEnds) {
       response.set_chunked_content_provider(
-          reply.contentType, [this, sent = false](size_t /*offset*/, httplib::DataSink& sink) mutable {
+          reply.contentType,
+          [this, sent = false](size_t /*offset*/, httplib::DataSink& sink) mutable {
             if (!sent) {
               sent = sink.write("{", 1);
               return sent;
