@@ -276,7 +276,10 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
     headers.emplace_back("Transfer-Encoding", "chunked");
   }
   for (const auto& [name, value] : headers) {
-    std::string line = value.empty() ? name + ";" : name + ": " + value;
+    // curl sends "Name;" as a header with an empty value.
+    std::string line = name;
+    line += value.empty() ? ";" : ": ";
+    line += value;
     task->headerList_ = curl_slist_append(task->headerList_, line.c_str());
   }
   task->headerList_ = curl_slist_append(task->headerList_, "Expect:");

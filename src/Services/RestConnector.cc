@@ -68,8 +68,8 @@ std::optional<std::string> RestConnector::getAbsoluteURL(const std::string& path
 }
 
 void RestConnector::replaceSession(URLSessionConfiguration configuration) {
-  auto session = URLSession::sessionWithConfiguration(std::move(configuration),
-                                                      weak_from_this(), mainOperationQueue());
+  auto session = URLSession::sessionWithConfiguration(std::move(configuration), weak_from_this(),
+                                                      mainOperationQueue());
   std::lock_guard lock(mutex_);
   session_ = std::move(session);
 }
@@ -137,8 +137,8 @@ std::optional<URLRequest> RestConnector::jsonRequest(
   return request;
 }
 
-void RestConnector::startAsyncTask(const std::string& path, const Params& params,
-                                   Progress progress, Finished finished) {
+void RestConnector::startAsyncTask(const std::string& path, const Params& params, Progress progress,
+                                   Finished finished) {
   if (!Reachability::isReachable()) {
     finished(std::monostate(), ConnectorStatusNotReachable);
     return;
@@ -199,10 +199,9 @@ void RestConnector::startAsyncDownloadWithStreamRequest(const std::string& path,
   });
   if (!request) return;
   auto task = session()->dataTaskWithRequest(
-      std::move(*request),
-      [self = shared_from_this(), finished](const std::string& data,
-                                            const std::optional<URLResponse>& response,
-                                            const std::optional<PlatformError>& error) {
+      std::move(*request), [self = shared_from_this(), finished](
+                               const std::string& data, const std::optional<URLResponse>& response,
+                               const std::optional<PlatformError>& error) {
         if (error) {
           finished(std::nullopt, *error, ConnectorStatusNetworkError);
         } else {
@@ -239,9 +238,8 @@ void RestConnector::startAsyncDownload(const std::string& url, Progress progress
   task->resume();
 }
 
-void RestConnector::startAsyncUploadWithStreamRequest(const std::string& path,
-                                                      const Params& params, Progress progress,
-                                                      Finished finished) {
+void RestConnector::startAsyncUploadWithStreamRequest(const std::string& path, const Params& params,
+                                                      Progress progress, Finished finished) {
   if (!Reachability::isReachable()) {
     finished(std::monostate(), ConnectorStatusNotReachable);
     return;

@@ -29,8 +29,8 @@ class RestConnector : public URLSessionDelegate,
   using Finished = std::function<void(const ConnectorResult& result, int status)>;
   // The raw-answer exchange: the response, then the bytes on success or the error
   // on failure (deliberately one overloaded object), then the status.
-  using FinishedWithResponse = std::function<void(
-      const std::optional<URLResponse>& response, const ConnectorResult& result, int status)>;
+  using FinishedWithResponse = std::function<void(const std::optional<URLResponse>& response,
+                                                  const ConnectorResult& result, int status)>;
 
   static std::shared_ptr<RestConnector> create();
 
@@ -79,8 +79,9 @@ class RestConnector : public URLSessionDelegate,
   void replaceSession(URLSessionConfiguration configuration);
   // The JSON request of steps shared by the JSON exchanges; nullopt after a
   // status-4 report.
-  std::optional<URLRequest> jsonRequest(const std::string& path, const Params& params,
-                                        bool logAsJsonString, const std::function<void(const PlatformError&)>& encodingFailed);
+  std::optional<URLRequest> jsonRequest(
+      const std::string& path, const Params& params, bool logAsJsonString,
+      const std::function<void(const PlatformError&)>& encodingFailed);
   void setTask(std::shared_ptr<URLSessionTask> task);
 
   mutable std::mutex mutex_;  // guards the members below

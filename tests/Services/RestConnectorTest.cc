@@ -48,8 +48,8 @@ class RestConnectorTest : public ::testing::Test {
     std::promise<Report> promise;
     auto connector = RestConnector::create();
     connector->startAsyncTask(path, params, nullptr, [&](const ConnectorResult& r, int status) {
-      promise.set_value({r, status, DispatchQueues::shared().isMainQueueThread(),
-                         std::this_thread::get_id()});
+      promise.set_value(
+          {r, status, DispatchQueues::shared().isMainQueueThread(), std::this_thread::get_id()});
     });
     auto future = promise.get_future();
     if (future.wait_for(30s) != std::future_status::ready) throw std::runtime_error("no report");
@@ -82,7 +82,8 @@ TEST_F(RestConnectorTest, JsonExchangeDecodesTheAnswerWhateverTheHttpStatus) {
   auto seen = server.requestsFor("MAC/ErrorLog.svc/LogError");
   ASSERT_EQ(seen.size(), 1U);
   EXPECT_EQ(seen[0].method, "POST");
-  EXPECT_EQ(seen[0].body, "{\n  \"ErrorClass\": \"SharedFilesXpcService\",\n  \"ComputerId\": \"C1\"\n}");
+  EXPECT_EQ(seen[0].body,
+            "{\n  \"ErrorClass\": \"SharedFilesXpcService\",\n  \"ComputerId\": \"C1\"\n}");
   EXPECT_EQ(seen[0].header("Content-Length"), std::to_string(seen[0].body.size()));
   EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
   EXPECT_EQ(seen[0].header("Accept"), "*/*") << "the JSON exchange runs on the download set-up";
@@ -114,13 +115,12 @@ TEST_F(RestConnectorTest, UnencodableBodyGivesStatus4AtOnceWithNoRequest) {
   auto connector = RestConnector::create();
   int status = -100;
   std::thread::id thread;
-  connector->startAsyncTask("MAC/SharedFiles.svc/X", params, nullptr,
-                            [&](const ConnectorResult& result, int s) {
-                              status = s;
-                              thread = std::this_thread::get_id();
-                              EXPECT_EQ(std::get<PlatformError>(result).domain(),
-                                        "NSCocoaErrorDomain");
-                            });
+  connector->startAsyncTask(
+      "MAC/SharedFiles.svc/X", params, nullptr, [&](const ConnectorResult& result, int s) {
+        status = s;
+        thread = std::this_thread::get_id();
+        EXPECT_EQ(std::get<PlatformError>(result).domain(), "NSCocoaErrorDomain");
+      });
   EXPECT_EQ(status, 4);
   EXPECT_EQ(thread, std::this_thread::get_id());
   EXPECT_FALSE(connector->sessionTask());
@@ -129,7 +129,8 @@ TEST_F(RestConnectorTest, UnencodableBodyGivesStatus4AtOnceWithNoRequest) {
 
 TEST_F(RestConnectorTest, TransportFailuresGiveStatus2WithThePlatformError) {
   server.script("Drop", [] {
-    auto reply = ReferenceServer::json({{"ReturnStatus", "0"}, {"Padding", std::string(5000, 'p')}});
+    auto reply =
+        ReferenceServer::json({{"ReturnStatus", "0"}, {"Padding", std::string(5000, 'p')}});
     reply.dropAfter = 20;
     return reply;
   }());
@@ -211,7 +212,9 @@ TEST_F(RestConnectorTest, FileUploadSendsRoutingHeadersFromAHomeCopyRemovedOnlyO
   std::promise<std::pair<ConnectorResult, int>> promise;
   RestConnector::create()->startAsyncUploadWithStreamRequest(
       "Uploads.svc/GetTopFileUploadWithStream", params, nullptr,
-      [&](const ConnectorResult& r, int s) { promise.set_value({r, s}); });
+      [&](const ConnectorResult& r, int s) {
+        promise.set_value({r, s});
+      });
   auto [result, status] = promise.get_future().get();
   EXPECT_EQ(status, 0);
   EXPECT_EQ(std::get<json>(result), json({{"ReturnStatus", "0"}}));
@@ -265,9 +268,10 @@ TEST_F(RestConnectorTest, PauseResumesTheTaskAndCloseCancelsIt) {
 
 TEST_F(RestConnectorTest, PlainDownloadAndThePreparedUploadThatIsNeverSent) {
   std::promise<std::pair<ConnectorResult, int>> downloaded;
-  RestConnector::create()->startAsyncDownload(
-      server.baseURL() + "file.bin", nullptr,
-      [&](const ConnectorResult& r, int s) { downloaded.set_value({r, s}); });
+  RestConnector::create()->startAsyncDownload(server.baseURL() + "file.bin", nullptr,
+                                              [&](const ConnectorResult& r, int s) {
+                                                downloaded.set_value({r, s});
+                                              });
   auto [bytes, status] = downloaded.get_future().get();
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(std::holds_alternative<std::string>(bytes));
@@ -308,7 +312,8 @@ TEST_F(RestConnectorTest, WithoutNetworkEveryStartReportsStatus1AtOnceAndMakesNo
 
 TEST(RestConnectorUrlTest, AbsoluteUrlIsTheBaseAndThePathJoinedUnescaped) {
   ::setenv("TALLOWBOX_BASE_URL", "http://127.0.0.1:1/TallowboxRestService/", 1);  // NOLINT
-  EXPECT_EQ(RestConnector::getAbsoluteURL("MAC/SharedFiles.svc/GetSharedFilesTransferData"),
-            "http://127.0.0.1:1/TallowboxRestService/MAC/SharedFiles.svc/GetSharedFilesTransferData");
+  EXPECT_EQ(
+      RestConnector::getAbsoluteURL("MAC/SharedFiles.svc/GetSharedFilesTransferData"),
+      "http://127.0.0.1:1/TallowboxRestService/MAC/SharedFiles.svc/GetSharedFilesTransferData");
   EXPECT_FALSE(RestConnector::getAbsoluteURL("a b"));
 }

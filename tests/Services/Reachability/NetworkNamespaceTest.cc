@@ -12,8 +12,21 @@
 #include "Platform/NotificationCenter.h"
 #include "Services/NetWorkConnectionStatus.h"
 #include "Services/Reachability/Reachability.h"
+#include "Services/RestConnector.h"
 
 using namespace std::chrono_literals;
+
+namespace {
+// The tests run alone in their namespace; nothing else changes the environment.
+int addDefaultRoute() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
+  return std::system("ip route add default dev lo");
+}
+int deleteDefaultRoute() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
+  return std::system("ip route del default dev lo");
+}
+}  // namespace
 
 TEST(NetworkNamespaceTest, WithoutADefaultRouteNeitherTestReachesTheNetwork) {
   EXPECT_FALSE(Reachability::isReachable());
@@ -38,7 +51,7 @@ TEST(NetworkNamespaceTest, ADefaultRouteMakesTheNetworkReachableAndIsNotified) {
         changed.notify_all();
       });
   ASSERT_TRUE(internet->startNotifier());
-  ASSERT_EQ(std::system("ip route add default dev lo"), 0);
+  ASSERT_EQ(addDefaultRoute(), 0);
   {
     std::unique_lock lock(mutex);
     EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return sender != nullptr; }));
@@ -51,6 +64,23 @@ TEST(NetworkNamespaceTest, ADefaultRouteMakesTheNetworkReachableAndIsNotified) {
   EXPECT_TRUE(Reachability::isReachable());
   EXPECT_TRUE(NetWorkConnectionStatus::ConectionStatus());
   EXPECT_EQ(Reachability::reachabilityForLocalWiFi()->currentReachabilityStatus(), 1);
-  ASSERT_EQ(std::system("ip route del default dev lo"), 0);
+  ASSERT_EQ(deleteDefaultRoute(), 0);
   EXPECT_FALSE(Reachability::isReachable());
+}
+
+TEST(NetworkNamespaceTest, EveryConnectorStartReportsNotReachableAtOnceWithoutATask) {
+  auto connector = RestConnector::create();
+  std::vector<int> statuses;
+  auto record = [&](const ConnectorResult& /*result*/, int status) { statuses.push_back(status); };
+  connector->startAsyncTask("MAC/SharedFiles.svc/GetSharedFilesTransferData",
+                            RestConnector::Params::object(), nullptr, record);
+  connector->startAsyncDownloadWithStreamRequest(
+      "Downloads.svc/UpdateFileRequestWithStream", RestConnector::Params::object(), nullptr,
+      [&](const std::optional<URLResponse>&, const ConnectorResult& r, int s) { record(r, s); });
+  connector->startAsyncDownload("http://127.0.0.1:9/x", nullptr, record);
+  connector->startAsyncUploadWithStreamRequest("Uploads.svc/GetTopFileUploadWithStream",
+                                               RestConnector::Params::object(), nullptr, record);
+  connector->startAsyncUpload("Uploads.svc/X", RestConnector::Params::object(), nullptr, record);
+  EXPECT_EQ(statuses, std::vector<int>({1, 1, 1, 1, 1}));
+  EXPECT_FALSE(connector->sessionTask());
 }
