@@ -113,7 +113,18 @@ void RestConnector::setTask(std::shared_ptr<URLSessionTask> task) {
   sessionTask_ = std::move(task);
 }
 
-std::optional<URLRequest> RestConnector::jsonRequest(
+URLRequest RestConnector::jsonRequest(const std::string& path, std::string body) {
+  URLRequest request;
+  request.url = getAbsoluteURL(path).value_or("");
+  request.timeoutInterval = gTimeout.load();
+  request.setValueForHTTPHeaderField(std::to_string(body.size()), "Content-Length");
+  request.addValueForHTTPHeaderField("application/json", "Content-Type");
+  request.httpMethod = "POST";
+  request.httpBody = std::move(body);
+  return request;
+}
+
+std::optional<URLRequest> RestConnector::encodedRequest(
     const std::string& path, const Params& params, bool logAsJsonString,
     const std::function<void(const PlatformError&)>& encodingFailed) {
   auto encoded = JsonBody::encode(params);
@@ -127,14 +138,32 @@ std::optional<URLRequest> RestConnector::jsonRequest(
   } else {
     Log::line(body);
   }
-  URLRequest request;
-  request.url = getAbsoluteURL(path).value_or("");
-  request.timeoutInterval = gTimeout.load();
-  request.setValueForHTTPHeaderField(std::to_string(body.size()), "Content-Length");
-  request.addValueForHTTPHeaderField("application/json", "Content-Type");
-  request.httpMethod = "POST";
-  request.httpBody = std::move(body);
-  return request;
+  return jsonRequest(path, std::move(body));
+}
+
+void RestConnector::reportJsonAnswer(const std::string& data,
+                                     const std::optional<PlatformError>& error,
+                                     const Finished& finished) {
+  if (error) {
+    Log::printf("error code ....%s", error->description().c_str());
+    if (error->code() == -1) {
+      // The platform's "unknown" error: deliberately no report at all.
+      Log::line("error code at rest connector strt async task......");
+      return;
+    }
+    finished(*error, ConnectorStatusNetworkError);
+    Log::line("network error");
+    return;
+  }
+  auto decoded = JsonBody::decode(data);
+  if (auto* failure = std::get_if<PlatformError>(&decoded)) {
+    Log::line("response (null)");
+    finished(*failure, ConnectorStatusResponseDecodingFailed);
+    return;
+  }
+  nlohmann::json object = std::get<nlohmann::json>(std::move(decoded));
+  Log::printf("response %s", object.dump(2).c_str());
+  finished(std::move(object), ConnectorStatusSuccess);
 }
 
 void RestConnector::startAsyncTask(const std::string& path, const Params& params, Progress progress,
@@ -148,36 +177,15 @@ void RestConnector::startAsyncTask(const std::string& path, const Params& params
     progressHandler_ = std::move(progress);
   }
   configSessionForDownload();
-  auto request = jsonRequest(path, params, true, [&](const PlatformError& error) {
+  auto request = encodedRequest(path, params, true, [&](const PlatformError& error) {
     finished(error, ConnectorStatusRequestEncodingFailed);
   });
   if (!request) return;
   auto task = session()->dataTaskWithRequest(
       std::move(*request),
-      [self = shared_from_this(), finished](const std::string& data,
-                                            const std::optional<URLResponse>& /*response*/,
-                                            const std::optional<PlatformError>& error) {
-        if (error) {
-          Log::printf("error code ....%s", error->description().c_str());
-          if (error->code() == -1) {
-            // The platform's "unknown" error: deliberately no report at all.
-            Log::line("error code at rest connector strt async task......");
-            return;
-          }
-          finished(*error, ConnectorStatusNetworkError);
-          Log::line("network error");
-          return;
-        }
-        auto decoded = JsonBody::decode(data);
-        if (auto* failure = std::get_if<PlatformError>(&decoded)) {
-          Log::line("response (null)");
-          finished(*failure, ConnectorStatusResponseDecodingFailed);
-          return;
-        }
-        nlohmann::json object = std::get<nlohmann::json>(std::move(decoded));
-        Log::printf("response %s", object.dump(2).c_str());
-        finished(std::move(object), ConnectorStatusSuccess);
-      });
+      [self = shared_from_this(), finished](
+          const std::string& data, const std::optional<URLResponse>& /*response*/,
+          const std::optional<PlatformError>& error) { reportJsonAnswer(data, error, finished); });
   setTask(task);
   task->resume();
 }
@@ -194,7 +202,7 @@ void RestConnector::startAsyncDownloadWithStreamRequest(const std::string& path,
     progressHandler_ = std::move(progress);
   }
   configSessionForData();
-  auto request = jsonRequest(path, params, false, [&](const PlatformError& error) {
+  auto request = encodedRequest(path, params, false, [&](const PlatformError& error) {
     finished(std::nullopt, error, ConnectorStatusRequestEncodingFailed);
   });
   if (!request) return;

@@ -68,6 +68,15 @@ class RestConnector : public URLSessionDelegate,
   // Cancels the task: 11, or 10 without a task.
   int close();
 
+  // The JSON request both connectors send: POST of `body` to `path` below the
+  // base URL, with "Content-Length", "Content-Type" "application/json" and the
+  // 60-second time-out.
+  static URLRequest jsonRequest(const std::string& path, std::string body);
+  // Reports a JSON exchange's answer to `finished` as both connectors do: nothing
+  // after platform error -1, (error, 2), (error, 5) or (object, 0); with its log lines.
+  static void reportJsonAnswer(const std::string& data, const std::optional<PlatformError>& error,
+                               const Finished& finished);
+
   std::shared_ptr<URLSession> session() const;
   std::shared_ptr<URLSessionTask> sessionTask() const;
 
@@ -77,9 +86,8 @@ class RestConnector : public URLSessionDelegate,
  private:
   RestConnector() = default;
   void replaceSession(URLSessionConfiguration configuration);
-  // The JSON request of steps shared by the JSON exchanges; nullopt after a
-  // status-4 report.
-  std::optional<URLRequest> jsonRequest(
+  // The encoded and logged JSON request; nullopt after `encodingFailed` was told.
+  static std::optional<URLRequest> encodedRequest(
       const std::string& path, const Params& params, bool logAsJsonString,
       const std::function<void(const PlatformError&)>& encodingFailed);
   void setTask(std::shared_ptr<URLSessionTask> task);
