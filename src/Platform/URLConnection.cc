@@ -1,0 +1,59 @@
+#include "Platform/URLConnection.h"
+
+std::shared_ptr<URLConnection> URLConnection::create(
+    URLRequest request, std::shared_ptr<URLConnectionDelegate> delegate, bool startImmediately) {
+  std::shared_ptr<URLConnection> connection(
+      new URLConnection(std::move(request), std::move(delegate)));
+  if (startImmediately) connection->start();
+  return connection;
+}
+
+URLConnection::URLConnection(URLRequest request, std::shared_ptr<URLConnectionDelegate> delegate)
+    : request_(std::move(request)), delegate_(std::move(delegate)) {}
+
+void URLConnection::start() {
+  std::lock_guard lock(mutex_);
+  if (task_) return;
+  auto session = URLSession::sessionWithConfiguration(
+      URLSessionConfiguration::defaultSessionConfiguration(), weak_from_this(),
+      [queue = queue_](Scheduler::Work work) { queue->addOperationWithBlock(std::move(work)); });
+  task_ = session->dataTaskWithRequest(request_);
+  self_ = shared_from_this();
+  task_->resume();
+}
+
+void URLConnection::cancel() {
+  std::shared_ptr<URLSessionTask> task;
+  {
+    std::lock_guard lock(mutex_);
+    task = task_;
+  }
+  if (task) task->cancel();
+}
+
+void URLConnection::didReceiveData(URLSessionTask& /*task*/, const std::string& data) {
+  std::shared_ptr<URLConnectionDelegate> delegate;
+  {
+    std::lock_guard lock(mutex_);
+    delegate = delegate_;
+  }
+  if (delegate) delegate->didReceiveData(*this, data);
+}
+
+void URLConnection::didCompleteWithError(URLSessionTask& /*task*/,
+                                         const std::optional<PlatformError>& error) {
+  std::shared_ptr<URLConnectionDelegate> delegate;
+  std::shared_ptr<URLConnection> self;
+  {
+    std::lock_guard lock(mutex_);
+    delegate = std::move(delegate_);
+    self = std::move(self_);
+  }
+  // A cancelled connection tells its delegate nothing, as the platform's does not.
+  if (!delegate || (error && error->code() == -999)) return;
+  if (error) {
+    delegate->didFailWithError(*this, *error);
+  } else {
+    delegate->connectionDidFinishLoading(*this);
+  }
+}

@@ -1,0 +1,68 @@
+// Whatever comes back from the server ends in a status, never in a crash or a
+// hang past the time-outs.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "Services/RestConnector.h"
+#include "support/FixedReachability.h"
+#include "support/RawReplyServer.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class HostileReplyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("TALLOWBOX_BASE_URL", peer.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    RestConnector::setTimeoutForTesting(2);
+  }
+  void TearDown() override {
+    RestConnector::setTimeoutForTesting(60);
+    Reachability::setFlagsSourceForTesting(nullptr);
+  }
+
+  int statusFor(const std::string& reply) {
+    peer.setReply(reply);
+    std::promise<int> status;
+    RestConnector::create()->startAsyncTask("MAC/SharedFiles.svc/GetSharedFilesTransferData",
+                                            {{"ComputerId", "C1"}}, nullptr,
+                                            [&](const ConnectorResult&, int s) { status.set_value(s); });
+    auto future = status.get_future();
+    if (future.wait_for(20s) != std::future_status::ready) return -100;
+    return future.get();
+  }
+
+  std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
+  RawReplyServer peer;
+};
+
+}  // namespace
+
+TEST_F(HostileReplyTest, ReplyCutAtAnyByteEndsInANetworkOrDecodingStatus) {
+  const std::string whole =
+      "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 20\r\n\r\n"
+      "{\"ReturnStatus\":\"0\"}";
+  ASSERT_EQ(statusFor(whole), 0);
+  for (std::size_t cut = 0; cut < whole.size(); ++cut) {
+    int status = statusFor(whole.substr(0, cut));
+    EXPECT_TRUE(status == 2 || status == 5) << "cut at " << cut << " gave " << status;
+  }
+}
+
+TEST_F(HostileReplyTest, GarbageHugeHeadersAndBrokenFramingEndInAStatus) {
+  const std::string cases[] = {
+      std::string("\x00\xff garbage \r\n\r\n", 15),
+      "HTTP/1.1 200 OK\r\nX-Huge: " + std::string(300000, 'h') + "\r\nContent-Length: 2\r\n\r\n{}",
+      "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n{}\r\n0\r\n\r\n",
+      "HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n{}",
+      "HTTP/1.1 banana\r\n\r\n",
+      "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{\"ReturnStatus\":\"0\"} and more",
+      "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n" + std::string("{\"a\":\"\xC3\"}", 8),
+  };
+  for (const std::string& reply : cases) {
+    int status = statusFor(reply);
+    EXPECT_TRUE(status == 2 || status == 5) << reply.substr(0, 60) << " gave " << status;
+  }
+}
