@@ -166,15 +166,18 @@ void RestConnector::reportJsonAnswer(const std::string& data,
   finished(std::move(object), ConnectorStatusSuccess);
 }
 
+bool RestConnector::prepare(Progress progress) {
+  if (!Reachability::isReachable()) return false;
+  std::lock_guard lock(mutex_);
+  progressHandler_ = std::move(progress);
+  return true;
+}
+
 void RestConnector::startAsyncTask(const std::string& path, const Params& params, Progress progress,
                                    Finished finished) {
-  if (!Reachability::isReachable()) {
+  if (!prepare(std::move(progress))) {
     finished(std::monostate(), ConnectorStatusNotReachable);
     return;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    progressHandler_ = std::move(progress);
   }
   configSessionForDownload();
   auto request = encodedRequest(path, params, true, [&](const PlatformError& error) {
@@ -193,13 +196,9 @@ void RestConnector::startAsyncTask(const std::string& path, const Params& params
 void RestConnector::startAsyncDownloadWithStreamRequest(const std::string& path,
                                                         const Params& params, Progress progress,
                                                         FinishedWithResponse finished) {
-  if (!Reachability::isReachable()) {
+  if (!prepare(std::move(progress))) {
     finished(std::nullopt, std::monostate(), ConnectorStatusNotReachable);
     return;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    progressHandler_ = std::move(progress);
   }
   configSessionForData();
   auto request = encodedRequest(path, params, false, [&](const PlatformError& error) {
@@ -222,13 +221,9 @@ void RestConnector::startAsyncDownloadWithStreamRequest(const std::string& path,
 
 void RestConnector::startAsyncDownload(const std::string& url, Progress progress,
                                        Finished finished) {
-  if (!Reachability::isReachable()) {
+  if (!prepare(std::move(progress))) {
     finished(std::monostate(), ConnectorStatusNotReachable);
     return;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    progressHandler_ = std::move(progress);
   }
   configSessionForDownload();
   auto task = session()->downloadTaskWithURL(
@@ -248,13 +243,9 @@ void RestConnector::startAsyncDownload(const std::string& url, Progress progress
 
 void RestConnector::startAsyncUploadWithStreamRequest(const std::string& path, const Params& params,
                                                       Progress progress, Finished finished) {
-  if (!Reachability::isReachable()) {
+  if (!prepare(std::move(progress))) {
     finished(std::monostate(), ConnectorStatusNotReachable);
     return;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    progressHandler_ = std::move(progress);
   }
   configSessionForUpload();
   std::string url = getAbsoluteURL(path).value_or("");
@@ -309,13 +300,9 @@ void RestConnector::startAsyncUploadWithStreamRequest(const std::string& path, c
 
 void RestConnector::startAsyncUpload(const std::string& path, const Params& params,
                                      Progress progress, Finished finished) {
-  if (!Reachability::isReachable()) {
+  if (!prepare(std::move(progress))) {
     finished(std::monostate(), ConnectorStatusNotReachable);
     return;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    progressHandler_ = std::move(progress);
   }
   configSessionForDownload();
   auto encoded = JsonBody::encode(params);

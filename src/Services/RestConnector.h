@@ -86,6 +86,8 @@ class RestConnector : public URLSessionDelegate,
  private:
   RestConnector() = default;
   void replaceSession(URLSessionConfiguration configuration);
+  // Whether the network is reachable; if so, stores `progress` for the exchange.
+  bool prepare(Progress progress);
   // The encoded and logged JSON request; nullopt after `encodingFailed` was told.
   static std::optional<URLRequest> encodedRequest(
       const std::string& path, const Params& params, bool logAsJsonString,

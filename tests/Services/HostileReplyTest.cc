@@ -26,9 +26,9 @@ class HostileReplyTest : public ::testing::Test {
   int statusFor(const std::string& reply) {
     peer.setReply(reply);
     std::promise<int> status;
-    RestConnector::create()->startAsyncTask("MAC/SharedFiles.svc/GetSharedFilesTransferData",
-                                            {{"ComputerId", "C1"}}, nullptr,
-                                            [&](const ConnectorResult&, int s) { status.set_value(s); });
+    RestConnector::create()->startAsyncTask(
+        "MAC/SharedFiles.svc/GetSharedFilesTransferData", {{"ComputerId", "C1"}}, nullptr,
+        [&](const ConnectorResult&, int s) { status.set_value(s); });
     auto future = status.get_future();
     if (future.wait_for(20s) != std::future_status::ready) return -100;
     return future.get();

@@ -36,8 +36,8 @@ class RestConnector_OldTest : public ::testing::Test {
     auto connector = RestConnector_Old::create();
     connector->startAsyncTask(path, params, nullptr, [&](const ConnectorResult& r, int status) {
       auto queue = connector->operationQueue();
-      promise.set_value({r, status, DispatchQueues::shared().isMainQueueThread(),
-                         queue && queue->isCurrent()});
+      promise.set_value(
+          {r, status, DispatchQueues::shared().isMainQueueThread(), queue && queue->isCurrent()});
     });
     auto future = promise.get_future();
     if (future.wait_for(30s) != std::future_status::ready) throw std::runtime_error("no report");
@@ -97,13 +97,12 @@ TEST_F(RestConnector_OldTest, TheQueuesLastOperationIsCancelledAfterTheHandler) 
   std::promise<void> handled;
   std::atomic<bool> lateRan{false};
   auto connector = RestConnector_Old::create();
-  connector->startAsyncTask("X", RestConnector_Old::Params::object(), nullptr,
-                            [&](const ConnectorResult&, int) {
-                              // Queued behind the handler: it is the queue's last operation.
-                              connector->operationQueue()->addOperationWithBlock(
-                                  [&] { lateRan = true; });
-                              handled.set_value();
-                            });
+  connector->startAsyncTask(
+      "X", RestConnector_Old::Params::object(), nullptr, [&](const ConnectorResult&, int) {
+        // Queued behind the handler: it is the queue's last operation.
+        connector->operationQueue()->addOperationWithBlock([&] { lateRan = true; });
+        handled.set_value();
+      });
   handled.get_future().wait();
   for (int i = 0; i < 100 && !connector->operationQueue()->operations().empty(); ++i) {
     std::this_thread::sleep_for(5ms);
@@ -154,7 +153,8 @@ TEST_F(RestConnector_OldTest, DownloadConnectionAnswersItsTagAndStreamsToItsDele
   }());
   auto collector = std::make_shared<Collector>();
   auto future = collector->done.get_future();
-  URLRequest request = RestConnector::jsonRequest("MAC/SharedFiles.svc/GetFileStreamFromCloud", "{}");
+  URLRequest request =
+      RestConnector::jsonRequest("MAC/SharedFiles.svc/GetFileStreamFromCloud", "{}");
   std::weak_ptr<DownloadConnection> weak;
   {
     auto connection = DownloadConnection::initWithRequest(request, collector, "file-17");
