@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <strings.h>
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -229,10 +230,44 @@ void CurlEngine::run() {
   }
 }
 
+namespace {
+
+std::string hostKeyOf(const std::string& url) {
+  std::string key;
+  CURLU* parsed = curl_url();
+  if (curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+    for (CURLUPart part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
+      char* text = nullptr;
+      if (curl_url_get(parsed, part, &text, CURLU_DEFAULT_PORT) == CURLUE_OK) key += text;
+      key += '|';
+      curl_free(text);
+    }
+  }
+  curl_url_cleanup(parsed);
+  return key;
+}
+
+}  // namespace
+
+bool CurlEngine::withinHostLimit(const URLSessionTask& task) const {
+  std::optional<int> limit = task.session_->configuration().HTTPMaximumConnectionsPerHost;
+  if (!limit) return true;
+  int running = 0;
+  for (const auto& [easy, other] : active_) {
+    if (other->session_ == task.session_ && other->hostKey_ == task.hostKey_) ++running;
+  }
+  return running < *limit;
+}
+
 void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   {
     std::lock_guard lock(task->mutex_);
     if (task->state_ == URLSessionTask::State::kCompleted) return;
+  }
+  task->hostKey_ = hostKeyOf(task->request_.url);
+  if (!withinHostLimit(*task)) {
+    waiting_.push_back(task);  // starts when one of its session's transfers ends
+    return;
   }
   const URLRequest& request = task->request_;
   const URLSessionConfiguration& configuration = task->session_->configuration();
@@ -351,12 +386,22 @@ void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, CURLcode re
 
 void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, long code,
                                 std::string description) {
+  waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), task), waiting_.end());
   if (task->easy_ != nullptr) {
     active_.erase(task->easy_);
     activeCount_.store(active_.size());
     curl_multi_remove_handle(multi_, task->easy_);
     curl_easy_cleanup(task->easy_);
     task->easy_ = nullptr;
+    // A place is free: the first waiting transfer of the same session and host starts.
+    auto next = std::find_if(waiting_.begin(), waiting_.end(), [&](const auto& other) {
+      return other->session_ == task->session_ && other->hostKey_ == task->hostKey_;
+    });
+    if (next != waiting_.end()) {
+      std::shared_ptr<URLSessionTask> starting = *next;
+      waiting_.erase(next);
+      begin(starting);
+    }
   }
   curl_slist_free_all(task->headerList_);
   task->headerList_ = nullptr;

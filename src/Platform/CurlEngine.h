@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -44,7 +45,11 @@ class CurlEngine {
   CURLM* multi_ = nullptr;
   std::mutex mutex_;  // guards commands_
   std::vector<std::function<void()>> commands_;
+  // Whether `task` may start now under its session's connections-per-host limit.
+  bool withinHostLimit(const URLSessionTask& task) const;
+
   std::map<CURL*, std::shared_ptr<URLSessionTask>> active_;  // engine thread only
+  std::vector<std::shared_ptr<URLSessionTask>> waiting_;     // engine thread only: over the limit
   std::atomic<std::size_t> activeCount_{0};
   std::thread thread_;
 };

@@ -75,6 +75,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   std::int64_t bodyLength_ = -1;
   std::int64_t bytesSent_ = 0;
   URLResponse pendingResponse_;
+  std::string hostKey_;  // scheme, host and port: what the per-host limit counts
   std::chrono::milliseconds requestTimeout_{60000};
   std::chrono::steady_clock::time_point lastActivity_;
   curl_off_t bytesMoved_ = 0;

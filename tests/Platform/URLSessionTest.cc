@@ -349,3 +349,46 @@ TEST_F(URLSessionTest, SessionAndTaskAreReleasedOnceTheExchangeHasReported) {
   EXPECT_TRUE(weakTask.expired());
   EXPECT_EQ(CurlEngine::shared().activeTransfers(), 0U);
 }
+
+TEST_F(URLSessionTest, ConnectionsPerHostLimitHoldsTasksBackUntilOneEnds) {
+  server.script("Slow", [] {
+    ReferenceServer::Reply reply;
+    reply.delay = 1s;
+    return reply;
+  }());
+  URLSessionConfiguration oneAtATime;
+  oneAtATime.HTTPMaximumConnectionsPerHost = 1;
+  auto session = URLSession::sessionWithConfiguration(oneAtATime, {}, mainQueue());
+  std::promise<void> firstDone;
+  std::promise<void> secondDone;
+  auto first = session->dataTaskWithRequest(
+      post("Slow"), [&](const std::string&, const std::optional<URLResponse>&,
+                        const std::optional<PlatformError>&) { firstDone.set_value(); });
+  auto second = session->dataTaskWithRequest(
+      post("Slow"), [&](const std::string&, const std::optional<URLResponse>&,
+                        const std::optional<PlatformError>&) { secondDone.set_value(); });
+  first->resume();
+  second->resume();
+  for (int i = 0; i < 100 && server.requestsFor("Slow").empty(); ++i)
+    std::this_thread::sleep_for(5ms);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(server.requestsFor("Slow").size(), 1U) << "the second waits for the first";
+  firstDone.get_future().wait();
+  secondDone.get_future().wait();
+  EXPECT_EQ(server.requestsFor("Slow").size(), 2U);
+
+  // Without the limit both go at once.
+  auto open = URLSession::sessionWithConfiguration({}, {}, mainQueue());
+  server.clearRequests();
+  std::promise<void> a;
+  std::promise<void> b;
+  auto ta = open->dataTaskWithRequest(post("Slow"), [&](auto&&...) { a.set_value(); });
+  auto tb = open->dataTaskWithRequest(post("Slow"), [&](auto&&...) { b.set_value(); });
+  ta->resume();
+  tb->resume();
+  for (int i = 0; i < 100 && server.requestsFor("Slow").size() < 2; ++i)
+    std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(server.requestsFor("Slow").size(), 2U);
+  a.get_future().wait();
+  b.get_future().wait();
+}
