@@ -161,11 +161,7 @@ TEST_F(RestConnectorTest, UnknownPlatformErrorNeverCallsFinished) {
   auto connector = RestConnector::create();
   connector->startAsyncTask("Any", RestConnector::Params::object(), nullptr,
                             [&](const ConnectorResult&, int) { called = true; });
-  for (int i = 0; i < 500 && !log.contains("error code at rest connector strt async task......");
-       ++i) {
-    std::this_thread::sleep_for(10ms);
-  }
-  EXPECT_TRUE(log.contains("error code at rest connector strt async task......"));
+  EXPECT_TRUE(log.waitFor("error code at rest connector strt async task......"));
   std::promise<void> drained;
   DispatchQueues::shared().dispatchMain([&] { drained.set_value(); });
   drained.get_future().wait();

@@ -118,11 +118,7 @@ TEST_F(RestConnector_OldTest, UnknownPlatformErrorNeverCallsFinished) {
   auto connector = RestConnector_Old::create();
   connector->startAsyncTask("X", RestConnector_Old::Params::object(), nullptr,
                             [&](const ConnectorResult&, int) { called = true; });
-  for (int i = 0; i < 500 && !log.contains("error code at rest connector strt async task......");
-       ++i) {
-    std::this_thread::sleep_for(10ms);
-  }
-  EXPECT_TRUE(log.contains("error code at rest connector strt async task......"));
+  EXPECT_TRUE(log.waitFor("error code at rest connector strt async task......"));
   EXPECT_FALSE(called);
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Platform/Log.h"
@@ -27,6 +29,13 @@ class LogCapture {
   bool contains(const std::string& line) const {
     auto all = lines();
     return std::find(all.begin(), all.end(), line) != all.end();
+  }
+  // Waits up to five seconds for `line` to be logged.
+  bool waitFor(const std::string& line) const {
+    for (int i = 0; i < 500 && !contains(line); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return contains(line);
   }
   bool containsPrefix(const std::string& prefix) const {
     auto all = lines();
