@@ -6,10 +6,7 @@
 
 #include <strings.h>
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 
 #include "Platform/Log.h"
 #include "Platform/URLSession.h"

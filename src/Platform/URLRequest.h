@@ -26,4 +26,7 @@ struct URLRequest {
   void addValueForHTTPHeaderField(const std::string& value, const std::string& field);
   // The first value of `field` (case-insensitive name), or "".
   std::string valueForHTTPHeaderField(const std::string& field) const;
+
+  // Whether `url` parses as a URL.
+  static bool isValidURL(const std::string& url);
 };

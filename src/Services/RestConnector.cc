@@ -1,6 +1,5 @@
 #include "Services/RestConnector.h"
 
-#include <curl/curl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -60,10 +59,7 @@ void RestConnector::setTimeoutForTesting(double seconds) { gTimeout.store(second
 
 std::optional<std::string> RestConnector::getAbsoluteURL(const std::string& path) {
   std::string url = ServicesUtilities::baseURL() + path;
-  CURLU* parsed = curl_url();
-  CURLUcode result = curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0);
-  curl_url_cleanup(parsed);
-  if (result != CURLUE_OK) return std::nullopt;
+  if (!URLRequest::isValidURL(url)) return std::nullopt;
   return url;
 }
 

@@ -10,6 +10,7 @@
 #include "Platform/CurlEngine.h"
 #include "Platform/DispatchQueues.h"
 #include "ReferenceServer.h"
+#include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
@@ -25,11 +26,6 @@ struct Report {
   bool onMainQueue = false;
   std::thread::id thread;
 };
-
-long errorCode(const ConnectorResult& result) {
-  const auto* error = std::get_if<PlatformError>(&result);
-  return error == nullptr ? 0 : error->code();
-}
 
 class RestConnectorTest : public ::testing::Test {
  protected:

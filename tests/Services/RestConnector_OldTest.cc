@@ -8,6 +8,7 @@
 #include "Platform/DispatchQueues.h"
 #include "ReferenceServer.h"
 #include "Services/DownloadConnection.h"
+#include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
 
@@ -47,11 +48,6 @@ class RestConnector_OldTest : public ::testing::Test {
   std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
   ReferenceServer server;
 };
-
-long errorCode(const ConnectorResult& result) {
-  const auto* error = std::get_if<PlatformError>(&result);
-  return error == nullptr ? 0 : error->code();
-}
 
 }  // namespace
 
