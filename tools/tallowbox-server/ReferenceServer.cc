@@ -36,9 +36,11 @@ ReferenceServer::~ReferenceServer() { stop(); }
 
 int ReferenceServer::start(const std::string& host, int port) {
   host_ = host;
-  port_ =
-      port == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, port) ? port : -1);
-  if (port_ <= 0) throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
+  // The HTTP server listens on a loopback port of its own; clients reach it
+  // through the relay, which notes the order of their headers.
+  int serverPort = server_->bind_to_any_port("127.0.0.1");
+  if (serverPort <= 0) throw std::runtime_error("cannot listen on loopback");
+  port_ = relay_.start(host, port, serverPort);
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // The socket is bound already, so clients can connect; wait for the accept loop.
   for (int i = 0; i < 5000 && !server_->is_running(); ++i) {
@@ -54,6 +56,7 @@ void ReferenceServer::stop() {
     stopped_ = true;
   }
   stopping_.notify_all();
+  relay_.stop();
   server_->stop();
   if (thread_.joinable()) thread_.join();
 }
@@ -114,14 +117,8 @@ void ReferenceServer::install() {
   server_->set_payload_max_length(1ULL << 32);
   server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,
                                                         httplib::Response& response) {
-    Request recorded{request.method, request.matches[1].str(), {}, request.body};
-    // cpp-httplib keeps headers sorted by name; their order on the wire is lost.
-    for (const auto& [name, value] : request.headers) {
-      if (name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" &&
-          name != "LOCAL_PORT") {
-        recorded.headers.emplace_back(name, value);
-      }
-    }
+    Request recorded{request.method, request.matches[1].str(),
+                     relay_.takeHeaders(request.remote_port), request.body};
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(recorded);

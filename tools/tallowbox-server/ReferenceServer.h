@@ -13,6 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "HeaderOrderRelay.h"
+
 namespace httplib {
 class Server;
 }
@@ -44,7 +46,7 @@ class ReferenceServer {
   struct Request {
     std::string method;
     std::string operation;  // the path below "/TallowboxRestService/"
-    std::vector<std::pair<std::string, std::string>> headers;
+    std::vector<std::pair<std::string, std::string>> headers;  // in wire order
     std::string body;
     std::string header(const std::string& name) const;  // first value, "" when absent
   };
@@ -78,6 +80,7 @@ class ReferenceServer {
   bool pause(std::chrono::milliseconds duration);
 
   std::unique_ptr<httplib::Server> server_;
+  HeaderOrderRelay relay_;
   std::thread thread_;
   std::string host_ = "127.0.0.1";
   int port_ = 0;
