@@ -1,0 +1,172 @@
+#include "Services/RestInterface.h"
+
+#include <cstdio>
+
+#include "Platform/Log.h"
+#include "Services/RestConnector_Old.h"
+#include "Services/ServicesUtilities.h"
+
+namespace {
+
+// How a log line shows a transport object.
+template <class Transport>
+std::string describeTransport(const char* className, const Transport* transport) {
+  std::array<char, 64> text{};
+  static_cast<void>(std::snprintf(text.data(), text.size(), "<%s: %p>", className,
+                                  static_cast<const void*>(transport)));
+  return text.data();
+}
+
+}  // namespace
+
+bool RestInterface::isLessThan10_10() { return ServicesUtilities::isLessThan10_10(); }
+
+void RestInterface::logBody(const char* prefix, const Body& body) {
+  if (prefix == nullptr) return;
+  // A body that cannot be encoded still gets its line; the transport reports it.
+  std::string text = body.dump(2, ' ', false, Body::error_handler_t::replace);
+  Log::line(prefix + text);
+}
+
+void RestInterface::startJsonExchange(const std::string& path, const Body& body,
+                                      RestConnector::Finished finished) {
+  if (isLessThan10_10()) {
+    RestConnector_Old::create()->startAsyncTask(path, body, nullptr, std::move(finished));
+  } else {
+    RestConnector::create()->startAsyncTask(path, body, nullptr, std::move(finished));
+  }
+}
+
+void RestInterface::startRawAnswer(const std::string& path, const Body& body,
+                                   StreamCompletionHandler completion) {
+  if (isLessThan10_10()) return;
+  RestConnector::create()->startAsyncDownloadWithStreamRequest(
+      path, body, nullptr,
+      [completion = std::move(completion)](const std::optional<URLResponse>& response,
+                                           const ConnectorResult& result, int status) {
+        if (status != ConnectorStatusSuccess) {
+          completion(std::nullopt, std::monostate(), status);
+        } else {
+          completion(response, result, status);
+        }
+      });
+}
+
+void RestInterface::startUpload(const Body& body,
+                                CompletionHandler<UpdateFileRequestResponseData> completion) {
+  logBody("strem dictionary ", body);
+  if (isLessThan10_10()) return;
+  RestConnector::create()->startAsyncUploadWithStreamRequest(
+      "Downloads.svc/UpdateFileRequestWithStream", body, nullptr,
+      [completion = std::move(completion)](const ConnectorResult& result, int status) {
+        auto [outcome, code] = interpret<UpdateFileRequestResponseData>(
+            result, status, &DataParser::parseUpdateFileRequestResponseData);
+        completion(outcome, code);
+      });
+}
+
+PlatformError RestInterface::parseFailure(const std::exception& exception) {
+  return {"NSInvalidArgumentException", 0,
+          std::string("The answer is not the operation's reply: ") + exception.what()};
+}
+
+void RestInterface::asyncLogError(const LogErrorQuery& query,
+                                  CompletionHandler<LogErrorResponseData> withCompiletionHandler) {
+  call("MAC/ErrorLog.svc/LogError", QueryParser::parseLogErrorQuery(query),
+       &DataParser::parseLogErrorResponseData, std::move(withCompiletionHandler), "");
+}
+
+void RestInterface::asyncGetSharedFilesTransferData(
+    const GetSharedFilesTransferDataQuery& query,
+    CompletionHandler<GetSharedFilesTransferDataResponseData> withCompletionHandler) {
+  call("MAC/SharedFiles.svc/GetSharedFilesTransferData",
+       QueryParser::parseGetSharedFilesTransferDataQuery(query),
+       &DataParser::parseGetSharedFilesTransferDataResponseData, std::move(withCompletionHandler),
+       " ");
+}
+
+void RestInterface::asyncUpdateFileExist(
+    const UpdateFileExistQuery& query,
+    CompletionHandler<UpdateFileExistResponseData> withCompletionHandler) {
+  // kept: the path says "UpdateFileExists" where the operation says "UpdateFileExist".
+  call("MAC/SharedFiles.svc/UpdateFileExists", QueryParser::parseUpdateFileExistDataQuery(query),
+       &DataParser::parseUpdateFileExistResponseData, std::move(withCompletionHandler),
+       "data from updatefileexist.");
+}
+
+void RestInterface::asyncUpdateFileSendReceived(
+    const UpdateFileSendReceivedQuery& query,
+    CompletionHandler<UpdateFileSendReceivedResponseData> withCompletionHandler) {
+  call("MAC/SharedFiles.svc/UpdateFileSendReceived",
+       QueryParser::parseUpdateFileSendReceivedQuery(query),
+       &DataParser::parseUpdateFileSendReceivedResponseData, std::move(withCompletionHandler),
+       "data from updatefilesendreceived.");
+}
+
+void RestInterface::asyncIsFileExistsInCloud(
+    const IsFileExistsInCloudQuery& query,
+    CompletionHandler<IsFileExistsInCloudResponseData> withCompiletionHandler) {
+  Body body = QueryParser::parseIsFileExistsInCloudQuery(query);
+  logBody("data in could query...", body);
+  // The handler holds the transport until the reply has been handled.
+  auto report = [completion = std::move(withCompiletionHandler)](
+                    const std::string& transport, const ConnectorResult& result, int status) {
+    Log::line("rest connector at cloud ...." + transport);
+    auto [outcome, code] = interpret<IsFileExistsInCloudResponseData>(
+        result, status, &DataParser::parseIsFileExistsInCloudResponseData);
+    completion(outcome, code);
+    Log::line(code != ConnectorStatusSuccess ? "trace code error..........."
+                                             : "trace code sucesss.........");
+  };
+  const char* path = "MAC/SharedFiles.svc/IsFileExistsInCloud";
+  if (isLessThan10_10()) {
+    auto transport = RestConnector_Old::create();
+    transport->startAsyncTask(path, body, nullptr,
+                              [transport, report](const ConnectorResult& result, int status) {
+                                report(describeTransport("RestConnector_Old", transport.get()),
+                                       result, status);
+                              });
+  } else {
+    auto transport = RestConnector::create();
+    transport->startAsyncTask(path, body, nullptr,
+                              [transport, report](const ConnectorResult& result, int status) {
+                                report(describeTransport("RestConnector", transport.get()), result,
+                                       status);
+                              });
+  }
+}
+
+void RestInterface::asyncUpdateFileReceived(
+    const UpdateFileReceivedQuery& query,
+    CompletionHandler<UpdateFileReceivedResponseData> withCompiletionHandler) {
+  call("MAC/SharedFiles.svc/UpdateFileReceived", QueryParser::parseUpdateFileReceivedQuery(query),
+       &DataParser::parseUpdateFileReceivedResponseData, std::move(withCompiletionHandler),
+       nullptr);
+}
+
+void RestInterface::asyncDeleteReceivedFileFromTransfer(
+    const DeleteReceivedFileFromTransferQuery& query,
+    CompletionHandler<DeleteReceivedFileFromTransferResponseData> withCompiletionHandler) {
+  call("MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer",
+       QueryParser::parseDeleteReceivedFileFromTransferQuery(query),
+       &DataParser::parseDeleteReceivedFileFromTransferResponseData,
+       CompletionHandler<DeleteReceivedFileFromTransferResponseData>(
+           [completion = std::move(withCompiletionHandler)](
+               const OperationResult<DeleteReceivedFileFromTransferResponseData>& result,
+               int status) {
+             completion(result, status);
+             Log::line(status != ConnectorStatusSuccess
+                           ? "  trce code error deleteReceivedFile From Transfer ............"
+                           : "trace code sucess..............");
+           }),
+       "data for delete Received File from Transfer.....");
+}
+
+void RestInterface::asyncCheckFileExistsInTransfers(
+    const CheckFileExistsInTransfersQuery& query,
+    CompletionHandler<CheckFileExistsInTransfersResponseData> withCompletionhandler) {
+  call("MAC/SharedFiles.svc/CheckFileExistsInTransfers",
+       QueryParser::parseCheckFileExistsInTransfersQuery(query),
+       &DataParser::parseCheckFileExistsInTransfersResponseData, std::move(withCompletionhandler),
+       nullptr);
+}
