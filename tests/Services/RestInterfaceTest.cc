@@ -474,4 +474,275 @@ TEST_F(RestInterfaceTest, AbsentPropertiesAreLeftOutOfTheBodyAndAbsentKeysLeaveF
   }
 }
 
+// Waits until the main queue has run everything queued before this call.
+void drainMainQueue() {
+  std::promise<void> drained;
+  DispatchQueues::shared().dispatchMain([&] { drained.set_value(); });
+  drained.get_future().wait();
+}
+
+struct SyncChange {
+  WireValue changeType, oldFullPath, fullPath, fileSize, tallowboxPath, isFile, computerId,
+      fileModifiedDate, baseSystemFileID, fileID;
+};
+
+TEST_F(RestInterfaceTest, FileTableSyncSendsABareArrayAndParsesEachElementInOrder) {
+  server.script("SyncFileChanges.svc/SyncFilesInTableAndCloud",
+                ReferenceServer::json(json::array(
+                    {{{"FileID", "f1"}, {"ReturnStatus", "0"}, {"BaseSystemFileID", "b1"}},
+                     {{"FileID", 2}, {"ReturnStatus", "1"}, {"error", kError}}})));
+  SyncChange first;
+  first.changeType = "1";
+  first.fullPath = "A\\b.txt";
+  first.fileSize = 12;
+  SyncChange second;
+  second.fileID = "9";
+  using Records = std::vector<SyncFilesInTableAndCloudResponseData>;
+  std::promise<std::pair<std::optional<Records>, int>> answered;
+  RestInterface::asyncSyncFilesInTableAndCloud(
+      std::vector<SyncChange>{first, second},
+      [&](const OperationResult<Records>& result, int status) {
+        answered.set_value({result.record, status});
+      });
+  auto [records, status] = answered.get_future().get();
+  auto seen = server.requestsFor("SyncFileChanges.svc/SyncFilesInTableAndCloud");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(ordered_json::parse(seen[0].body),
+            ordered_json::parse(R"([{"ChangeType":"1","FullPath":"A\\b.txt","FileSize":12},
+                                   {"FileID":"9"}])"));
+  ASSERT_EQ(status, 0);
+  ASSERT_TRUE(records);
+  ASSERT_EQ(records->size(), 2U);
+  EXPECT_EQ((*records)[0].fileId, json("f1"));
+  EXPECT_EQ((*records)[0].baseSystemFileID, json("b1"));
+  EXPECT_EQ((*records)[1].fileId, json(2)) << "kept as a number";
+  EXPECT_EQ((*records)[1].returnStatus, json("1"));
+  EXPECT_FALSE((*records)[1].error) << "the sync reply's error is not read";
+
+  server.clearRequests();
+  std::promise<int> empty;
+  RestInterface::asyncSyncFilesInTableAndCloud(
+      std::vector<SyncChange>{},
+      [&](const OperationResult<Records>& /*result*/, int code) { empty.set_value(code); });
+  empty.get_future().wait();
+  EXPECT_EQ(server.requests().at(0).body.find('['), 0U);
+  EXPECT_EQ(json::parse(server.requests().at(0).body), json::array());
+}
+
+TEST_F(RestInterfaceTest, UploadStatusOperationsHandOnTheBareStatusValue) {
+  server.script("MAC/SharedFiles.svc/UploadFileWithStream",
+                ReferenceServer::json({{"ReturnStatus", 0}, {"error", kError}}));
+  server.script("MAC/SharedFiles.svc/UpdateSendFileToTransfer",
+                ReferenceServer::json({{"error", kError}}));
+  std::promise<std::pair<OperationResult<WireValue>, int>> upload;
+  std::promise<std::pair<OperationResult<WireValue>, int>> update;
+  RestInterface::asyncUploadFileWithStream(
+      anyQuery(true),
+      [&](const OperationResult<WireValue>& result, int s) { upload.set_value({result, s}); });
+  RestInterface::asyncupdateSendFileToTransfer(
+      anyQuery(true),
+      [&](const OperationResult<WireValue>& result, int s) { update.set_value({result, s}); });
+  auto [uploaded, uploadStatus] = upload.get_future().get();
+  EXPECT_EQ(uploadStatus, 0);
+  ASSERT_TRUE(uploaded.record);
+  EXPECT_EQ(*uploaded.record, WireValue(json(0))) << "the number itself";
+  auto [updated, updateStatus] = update.get_future().get();
+  EXPECT_EQ(updateStatus, 0);
+  ASSERT_TRUE(updated.record);
+  EXPECT_FALSE(*updated.record) << "no ReturnStatus: nothing";
+}
+
+TEST_F(RestInterfaceTest, TransportFailuresReachTheHandlerUnparsedAndMinusOneNeverDoes) {
+  server.script("MAC/ErrorLog.svc/LogError", ReferenceServer::raw("not json"));
+  std::promise<std::pair<OperationResult<LogErrorResponseData>, int>> undecodable;
+  RestInterface::asyncLogError(makeQuery<LogErrorQuery>(true),
+                               [&](const OperationResult<LogErrorResponseData>& r, int s) {
+                                 undecodable.set_value({r, s});
+                               });
+  auto [notJson, notJsonStatus] = undecodable.get_future().get();
+  EXPECT_EQ(notJsonStatus, 5);
+  EXPECT_FALSE(notJson.record);
+  EXPECT_EQ(errorCode(notJson.transportResult), 3840);
+
+  server.script("MAC/SharedFiles.svc/UpdateFileReceived",
+                ReferenceServer::Reply{.body = R"({"ReturnStatus":"0"})", .dropAfter = 5});
+  std::promise<std::pair<OperationResult<UpdateFileReceivedResponseData>, int>> dropped;
+  RestInterface::asyncUpdateFileReceived(
+      makeQuery<UpdateFileReceivedQuery>(true),
+      [&](const OperationResult<UpdateFileReceivedResponseData>& r, int s) {
+        dropped.set_value({r, s});
+      });
+  auto [lost, lostStatus] = dropped.get_future().get();
+  EXPECT_EQ(lostStatus, 2);
+  EXPECT_FALSE(lost.record);
+  EXPECT_EQ(errorCode(lost.transportResult), -1005);
+
+  LogCapture log;
+  bool called = false;
+  CurlEngine::injectFailureForTesting(-1);
+  RestInterface::asyncUpdateFileExist(
+      makeQuery<UpdateFileExistQuery>(true),
+      [&](const OperationResult<UpdateFileExistResponseData>&, int) { called = true; });
+  EXPECT_TRUE(log.waitFor("error code at rest connector strt async task......"));
+  drainMainQueue();
+  EXPECT_FALSE(called);
+
+  network = FixedReachability::install(std::nullopt);
+  std::thread::id caller = std::this_thread::get_id();
+  std::optional<std::thread::id> answeredOn;
+  int unreachable = -100;
+  RestInterface::asyncUpdateFileSendReceived(
+      makeQuery<UpdateFileSendReceivedQuery>(true),
+      [&](const OperationResult<UpdateFileSendReceivedResponseData>&, int s) {
+        unreachable = s;
+        answeredOn = std::this_thread::get_id();
+      });
+  EXPECT_EQ(unreachable, 1);
+  EXPECT_EQ(answeredOn, caller) << "at once, on the caller's thread";
+}
+
+TEST_F(RestInterfaceTest, ARepliedValueOfTheWrongKindIsStatusFiveWithTheParseError) {
+  server.script("MAC/SharedFiles.svc/GetSharedFilesTransferData",
+                ReferenceServer::json({{"ReturnStatus", "0"}, {"OwnerComputers", "none"}}));
+  server.script("MAC/SharedFiles.svc/IsFileExistsInCloud",
+                ReferenceServer::json(json::array({1, 2})));
+  using TransferData = GetSharedFilesTransferDataResponseData;
+  std::promise<std::pair<OperationResult<TransferData>, int>> transfer;
+  int calls = 0;
+  RestInterface::asyncGetSharedFilesTransferData(
+      makeQuery<GetSharedFilesTransferDataQuery>(true),
+      [&](const OperationResult<TransferData>& r, int s) {
+        ++calls;
+        transfer.set_value({r, s});
+      });
+  auto [data, status] = transfer.get_future().get();
+  EXPECT_EQ(status, 5);
+  EXPECT_FALSE(data.record);
+  const auto* error = std::get_if<PlatformError>(&data.transportResult);
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->localizedDescription().find("OwnerComputers"), std::string::npos)
+      << error->localizedDescription();
+
+  LogCapture log;
+  std::promise<int> cloud;
+  RestInterface::asyncIsFileExistsInCloud(
+      makeQuery<IsFileExistsInCloudQuery>(true),
+      [&](const OperationResult<IsFileExistsInCloudResponseData>&, int s) { cloud.set_value(s); });
+  EXPECT_EQ(cloud.get_future().get(), 5) << "an array where an object is expected";
+  EXPECT_TRUE(log.waitFor("trace code error..........."));
+  EXPECT_TRUE(log.containsPrefix("rest connector at cloud ....<RestConnector: 0x"));
+  drainMainQueue();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(RestInterfaceTest, CloudAndDeleteOperationsLogAroundTheirHandler) {
+  LogCapture log;
+  std::promise<void> cloud;
+  std::promise<void> removed;
+  RestInterface::asyncIsFileExistsInCloud(
+      makeQuery<IsFileExistsInCloudQuery>(true),
+      [&](const OperationResult<IsFileExistsInCloudResponseData>&, int) { cloud.set_value(); });
+  RestInterface::asyncDeleteReceivedFileFromTransfer(
+      makeQuery<DeleteReceivedFileFromTransferQuery>(true),
+      [&](const OperationResult<DeleteReceivedFileFromTransferResponseData>&, int) {
+        removed.set_value();
+      });
+  cloud.get_future().wait();
+  removed.get_future().wait();
+  EXPECT_TRUE(log.waitFor("trace code sucesss........."));
+  EXPECT_TRUE(log.waitFor("trace code sucess.............."));
+
+  server.stop();
+  std::promise<void> failed;
+  RestInterface::asyncDeleteReceivedFileFromTransfer(
+      makeQuery<DeleteReceivedFileFromTransferQuery>(true),
+      [&](const OperationResult<DeleteReceivedFileFromTransferResponseData>&, int) {
+        failed.set_value();
+      });
+  failed.get_future().wait();
+  EXPECT_TRUE(log.waitFor("  trce code error deleteReceivedFile From Transfer ............"));
+}
+
+TEST_F(RestInterfaceTest, StreamOperationsUploadAndAnswerRawBytesOnCurrentHosts) {
+  TemporaryFolder files;
+  std::string local = files.file("wanted.bin");
+  std::ofstream(local) << "wanted bytes";
+  std::string serverPath = local.substr(1);
+  std::replace(serverPath.begin(), serverPath.end(), '/', '\\');
+  AnyQuery query = anyQuery(true);
+  query.filePath = serverPath;
+  std::promise<std::pair<OperationResult<UpdateFileRequestResponseData>, int>> uploaded;
+  LogCapture log;
+  RestInterface::asyncUpdateFileRequestWithStream(
+      query, [&](const OperationResult<UpdateFileRequestResponseData>& r, int s) {
+        uploaded.set_value({r, s});
+      });
+  auto [upload, uploadStatus] = uploaded.get_future().get();
+  EXPECT_EQ(uploadStatus, 0);
+  ASSERT_TRUE(upload.record);
+  EXPECT_EQ(upload.record->ReturnStatus, json("0"));
+  auto seen = server.requestsFor("Downloads.svc/UpdateFileRequestWithStream");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].body, "wanted bytes");
+  EXPECT_EQ(seen[0].header("FileRequestID"), "q-fileRequestId");
+  EXPECT_TRUE(log.containsPrefix("strem dictionary {"));
+
+  server.script("Uploads.svc/GetTopFileUploadWithStream", ReferenceServer::raw("raw answer"));
+  std::promise<std::tuple<std::optional<URLResponse>, ConnectorResult, int>> raw;
+  RestInterface::asyncGetTopFileUploadWithStream(
+      query, [&](const std::optional<URLResponse>& response, const ConnectorResult& r, int s) {
+        raw.set_value({response, r, s});
+      });
+  auto [response, bytes, rawStatus] = raw.get_future().get();
+  EXPECT_EQ(rawStatus, 0);
+  EXPECT_TRUE(response);
+  EXPECT_EQ(std::get<std::string>(bytes), "raw answer");
+  EXPECT_EQ(json::parse(server.requestsFor("Uploads.svc/GetTopFileUploadWithStream").at(0).body),
+            json({{"ToComputerID", "q-toComputerId"}}));
+
+  server.stop();
+  std::promise<std::tuple<std::optional<URLResponse>, ConnectorResult, int>> refused;
+  RestInterface::asyncGetTopFileUploadWithStream(
+      query, [&](const std::optional<URLResponse>& answer, const ConnectorResult& r, int s) {
+        refused.set_value({answer, r, s});
+      });
+  auto [noResponse, nothing, refusedStatus] = refused.get_future().get();
+  EXPECT_EQ(refusedStatus, 2);
+  EXPECT_FALSE(noResponse);
+  EXPECT_TRUE(std::holds_alternative<std::monostate>(nothing)) << "nothing, nothing, status";
+}
+
+TEST_F(RestInterfaceTest, OlderHostsUseTheLegacyConnectorAndSkipTheStreamOperations) {
+  for (const char* version : {"1137.9", "1343"}) {
+    ::setenv("TALLOWBOX_APPKIT_VERSION", version, 1);  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_FALSE(RestInterface::isLessThan10_10()) << version;
+  }
+  for (const char* version : {"1138", "1342.99"}) {
+    ::setenv("TALLOWBOX_APPKIT_VERSION", version, 1);  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_TRUE(RestInterface::isLessThan10_10()) << version;
+  }
+
+  LogCapture log;
+  Row logError = catalogue().at(13);
+  ASSERT_EQ(logError.path, "MAC/ErrorLog.svc/LogError");
+  Outcome outcome = logError.run(true);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_FALSE(outcome.onMainQueue) << "the legacy connector answers on its private queue";
+  EXPECT_TRUE(log.containsPrefix("Json String {\n  \"ErrorClass\""));
+
+  bool called = false;
+  AnyQuery query = anyQuery(true);
+  server.clearRequests();
+  RestInterface::asyncGetTopFileUploadWithStream(
+      query, [&](const std::optional<URLResponse>&, const ConnectorResult&, int) { called = true; });
+  RestInterface::asyncUpdateFileRequestWithStream(
+      query, [&](const OperationResult<UpdateFileRequestResponseData>&, int) { called = true; });
+  EXPECT_TRUE(log.containsPrefix("strem dictionary {"));
+  // Anything sent would have been recorded by the time this exchange is answered.
+  EXPECT_EQ(logError.run(true).status, 0);
+  drainMainQueue();
+  EXPECT_FALSE(called);
+  EXPECT_EQ(server.requests().size(), 1U) << "only the exchange above";
+}
+
 }  // namespace
