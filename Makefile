@@ -3,12 +3,14 @@
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 20
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
 SOURCES = $(shell git ls-files '*.h' '*.cc' 2>/dev/null)
 
-.PHONY: all deps build test test-plain test-asan test-tsan format format-check tidy install clean
+.PHONY: all deps build test test-plain test-asan test-tsan fuzz format format-check tidy install clean
 
 all: build
 
@@ -22,9 +24,9 @@ build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
 
 # Everything CI checks: formatting, the plain build with every test, the whole
-# suite again under AddressSanitizer + UndefinedBehaviorSanitizer, and the tests
-# that exercise queues under ThreadSanitizer.
-test: deps format-check test-plain test-asan test-tsan
+# suite again under AddressSanitizer + UndefinedBehaviorSanitizer, the tests that
+# exercise queues under ThreadSanitizer, and a short run of the reply fuzzer.
+test: deps format-check test-plain test-asan test-tsan fuzz
 
 test-plain: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
@@ -44,6 +46,15 @@ test-tsan: deps
 	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	  ctest --output-on-failure -j$(JOBS) -L queues
 
+# The reply parsers under libFuzzer, from the seed corpus of real replies, for
+# FUZZ_SECONDS; what it finds new is kept in $(FUZZ_BUILD)/corpus.
+fuzz: deps
+	cmake -S tests/fuzz -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(FUZZ_BUILD) -j$(JOBS)
+	mkdir -p $(FUZZ_BUILD)/corpus
+	$(FUZZ_BUILD)/reply_parser_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -rss_limit_mb=2048 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
+
 format:
 	clang-format -i $(SOURCES)
 
@@ -57,4 +68,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

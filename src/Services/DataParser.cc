@@ -88,11 +88,13 @@ SendActivationMailResponseData DataParser::parseSendActivationMailResponseData(c
   return record;
 }
 
-OneTimeSyncOwnersSharedFoldersResponseData DataParser::parseOneTimeSyncOwnersSharedFoldersResponseData(const Reply& reply) {
+OneTimeSyncOwnersSharedFoldersResponseData
+DataParser::parseOneTimeSyncOwnersSharedFoldersResponseData(const Reply& reply) {
   return statusRecord<OneTimeSyncOwnersSharedFoldersResponseData>(reply);
 }
 
-TransferFilesFromCloudToBaseSystemResponseData DataParser::parseTransferFilesFromCloudToBaseSystemResponseData(const Reply& reply) {
+TransferFilesFromCloudToBaseSystemResponseData
+DataParser::parseTransferFilesFromCloudToBaseSystemResponseData(const Reply& reply) {
   return statusRecord<TransferFilesFromCloudToBaseSystemResponseData>(reply);
 }
 
@@ -111,7 +113,8 @@ GetTopFileUploadResponseData DataParser::parseGetTopFileUploadResponseData(const
   return record;
 }
 
-CheckUserMailActivationStatusResponseData DataParser::parseCheckUserMailActivationStatusResponseData(const Reply& reply) {
+CheckUserMailActivationStatusResponseData
+DataParser::parseCheckUserMailActivationStatusResponseData(const Reply& reply) {
   CheckUserMailActivationStatusResponseData record;
   record.returnStatus = valueFor(reply, "ReturnStatus");
   record.returnValue = valueFor(reply, "ReturnVal");
@@ -143,7 +146,8 @@ UpdateFileRequestResponseData DataParser::parseUpdateFileRequestResponseData(con
   return record;
 }
 
-UpdateComputerStatusResponseData DataParser::parseUpdateComputerStatusResponseData(const Reply& reply) {
+UpdateComputerStatusResponseData DataParser::parseUpdateComputerStatusResponseData(
+    const Reply& reply) {
   UpdateComputerStatusResponseData record;
   record.returnStatus = valueFor(reply, "ReturnStatus");
   record.VersionNumber = valueFor(reply, "VersionNumber");
@@ -155,7 +159,8 @@ OneTimeSyncFilesResponseData DataParser::parseOneTimeSyncFilesResponseData(const
   return statusRecord<OneTimeSyncFilesResponseData>(reply);
 }
 
-SendPasswordToMailIdResponseData DataParser::parseSendPasswordToMailIdResponseData(const Reply& reply) {
+SendPasswordToMailIdResponseData DataParser::parseSendPasswordToMailIdResponseData(
+    const Reply& reply) {
   SendPasswordToMailIdResponseData record;
   record.returnStatus = valueFor(reply, "ReturnStatus");
   record.returnMsg = valueFor(reply, "ReturnMsg");
@@ -171,11 +176,13 @@ UpdateFileExistResponseData DataParser::parseUpdateFileExistResponseData(const R
   return statusRecord<UpdateFileExistResponseData>(reply);
 }
 
-UpdateFileSendReceivedResponseData DataParser::parseUpdateFileSendReceivedResponseData(const Reply& reply) {
+UpdateFileSendReceivedResponseData DataParser::parseUpdateFileSendReceivedResponseData(
+    const Reply& reply) {
   return statusRecord<UpdateFileSendReceivedResponseData>(reply);
 }
 
-IsFileExistsInCloudResponseData DataParser::parseIsFileExistsInCloudResponseData(const Reply& reply) {
+IsFileExistsInCloudResponseData DataParser::parseIsFileExistsInCloudResponseData(
+    const Reply& reply) {
   IsFileExistsInCloudResponseData record;
   record.isExists = valueFor(reply, "IsExists");
   record.returnStatus = valueFor(reply, "ReturnStatus");
@@ -190,7 +197,8 @@ UpdateFileReceivedResponseData DataParser::parseUpdateFileReceivedResponseData(c
   return record;
 }
 
-DeleteReceivedFileFromTransferResponseData DataParser::parseDeleteReceivedFileFromTransferResponseData(const Reply& reply) {
+DeleteReceivedFileFromTransferResponseData
+DataParser::parseDeleteReceivedFileFromTransferResponseData(const Reply& reply) {
   DeleteReceivedFileFromTransferResponseData record;
   record.ReturnStatus = valueFor(reply, "ReturnStatus");
   record.error = valueFor(reply, "error");
@@ -205,53 +213,64 @@ InsertFileResponseData DataParser::parseInsertFileResponseData(const Reply& repl
   return record;
 }
 
-InsertSharedFilesTransferResponseData DataParser::parseInsertSharedFilesTransferResponseData(const Reply& reply) {
+InsertSharedFilesTransferResponseData DataParser::parseInsertSharedFilesTransferResponseData(
+    const Reply& reply) {
   return statusRecord<InsertSharedFilesTransferResponseData>(reply);
 }
 
-UpdateBSUploadStreamStartedResponseData DataParser::parseUpdateBSUploadStreamStartedResponseData(const Reply& reply) {
+UpdateBSUploadStreamStartedResponseData DataParser::parseUpdateBSUploadStreamStartedResponseData(
+    const Reply& reply) {
   return statusRecord<UpdateBSUploadStreamStartedResponseData>(reply);
 }
 
-UpdateBSDownloadStreamStartedResponseData DataParser::parseUpdateBSDownloadStreamStartedResponseData(const Reply& reply) {
+UpdateBSDownloadStreamStartedResponseData
+DataParser::parseUpdateBSDownloadStreamStartedResponseData(const Reply& reply) {
   return statusRecord<UpdateBSDownloadStreamStartedResponseData>(reply);
 }
 
-UpdateBSDownloadStreamFailedResponseData DataParser::parseUpdateBSDownloadStreamFailedResponseData(const Reply& reply) {
+UpdateBSDownloadStreamFailedResponseData DataParser::parseUpdateBSDownloadStreamFailedResponseData(
+    const Reply& reply) {
   return statusRecord<UpdateBSDownloadStreamFailedResponseData>(reply);
 }
 
-CheckFileExistsInDownloadsResponseData DataParser::parseCheckFileExistsInDownloadsResponseData(const Reply& reply) {
+CheckFileExistsInDownloadsResponseData DataParser::parseCheckFileExistsInDownloadsResponseData(
+    const Reply& reply) {
   CheckFileExistsInDownloadsResponseData record;
   record.byteStartPos = valueFor(reply, "ByteStartPos");
   record.returnStatus = valueFor(reply, "ReturnStatus");
   return record;
 }
 
-UpdateBSUploadStreamFailedResponseData DataParser::parseUpdateBSUploadStreamFailedResponseData(const Reply& reply) {
+UpdateBSUploadStreamFailedResponseData DataParser::parseUpdateBSUploadStreamFailedResponseData(
+    const Reply& reply) {
   return statusRecord<UpdateBSUploadStreamFailedResponseData>(reply);
 }
 
-CheckFileExistsInTransfersResponseData DataParser::parseCheckFileExistsInTransfersResponseData(const Reply& reply) {
+CheckFileExistsInTransfersResponseData DataParser::parseCheckFileExistsInTransfersResponseData(
+    const Reply& reply) {
   CheckFileExistsInTransfersResponseData record;
   record.byteStartPos = valueFor(reply, "ByteStartPos");
   record.returnStatus = valueFor(reply, "ReturnStatus");
   return record;
 }
 
-UpdateBSSendStreamStartedResponseData DataParser::parseUpdateBSSendStreamstartedResponseData(const Reply& reply) {
+UpdateBSSendStreamStartedResponseData DataParser::parseUpdateBSSendStreamstartedResponseData(
+    const Reply& reply) {
   return statusOnlyRecord<UpdateBSSendStreamStartedResponseData>(reply);
 }
 
-UpdateBSSendStreamFailedResponseData DataParser::parseUpdateBSSendStreamFailedResponseData(const Reply& reply) {
+UpdateBSSendStreamFailedResponseData DataParser::parseUpdateBSSendStreamFailedResponseData(
+    const Reply& reply) {
   return statusOnlyRecord<UpdateBSSendStreamFailedResponseData>(reply);
 }
 
-UpdateBSReceiveStreamStartedResponseData DataParser::parseUpdateBSReceiveStreamStartedResponseData(const Reply& reply) {
+UpdateBSReceiveStreamStartedResponseData DataParser::parseUpdateBSReceiveStreamStartedResponseData(
+    const Reply& reply) {
   return statusOnlyRecord<UpdateBSReceiveStreamStartedResponseData>(reply);
 }
 
-UpdateBSReceiveStreamFailedResponseData DataParser::parseUpdateBSReceiveStreamFailedResponseData(const Reply& reply) {
+UpdateBSReceiveStreamFailedResponseData DataParser::parseUpdateBSReceiveStreamFailedResponseData(
+    const Reply& reply) {
   return statusOnlyRecord<UpdateBSReceiveStreamFailedResponseData>(reply);
 }
 

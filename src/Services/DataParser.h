@@ -34,10 +34,13 @@ class DataParser {
   static UserRegistrationResponseData parseUserRegistrationReponseData(const Reply& reply);
   static RegisterComputerResponseData parseRegisterComputerResponseData(const Reply& reply);
   static SendActivationMailResponseData parseSendActivationMailResponseData(const Reply& reply);
-  static OneTimeSyncOwnersSharedFoldersResponseData parseOneTimeSyncOwnersSharedFoldersResponseData(const Reply& reply);
-  static TransferFilesFromCloudToBaseSystemResponseData parseTransferFilesFromCloudToBaseSystemResponseData(const Reply& reply);
+  static OneTimeSyncOwnersSharedFoldersResponseData parseOneTimeSyncOwnersSharedFoldersResponseData(
+      const Reply& reply);
+  static TransferFilesFromCloudToBaseSystemResponseData
+  parseTransferFilesFromCloudToBaseSystemResponseData(const Reply& reply);
   static GetTopFileUploadResponseData parseGetTopFileUploadResponseData(const Reply& reply);
-  static CheckUserMailActivationStatusResponseData parseCheckUserMailActivationStatusResponseData(const Reply& reply);
+  static CheckUserMailActivationStatusResponseData parseCheckUserMailActivationStatusResponseData(
+      const Reply& reply);
   static UpdateFileUploadResponseData parseUpdateFileUploadResponseData(const Reply& reply);
   static GetTopFileRequestResponseData parseGetTopFileRequestResponseData(const Reply& reply);
   static UpdateFileRequestResponseData parseUpdateFileRequestResponseData(const Reply& reply);
@@ -46,22 +49,35 @@ class DataParser {
   static SendPasswordToMailIdResponseData parseSendPasswordToMailIdResponseData(const Reply& reply);
   static LogErrorResponseData parseLogErrorResponseData(const Reply& reply);
   static UpdateFileExistResponseData parseUpdateFileExistResponseData(const Reply& reply);
-  static UpdateFileSendReceivedResponseData parseUpdateFileSendReceivedResponseData(const Reply& reply);
+  static UpdateFileSendReceivedResponseData parseUpdateFileSendReceivedResponseData(
+      const Reply& reply);
   static IsFileExistsInCloudResponseData parseIsFileExistsInCloudResponseData(const Reply& reply);
   static UpdateFileReceivedResponseData parseUpdateFileReceivedResponseData(const Reply& reply);
-  static DeleteReceivedFileFromTransferResponseData parseDeleteReceivedFileFromTransferResponseData(const Reply& reply);
+  static DeleteReceivedFileFromTransferResponseData parseDeleteReceivedFileFromTransferResponseData(
+      const Reply& reply);
   static InsertFileResponseData parseInsertFileResponseData(const Reply& reply);
-  static InsertSharedFilesTransferResponseData parseInsertSharedFilesTransferResponseData(const Reply& reply);
-  static UpdateBSUploadStreamStartedResponseData parseUpdateBSUploadStreamStartedResponseData(const Reply& reply);
-  static UpdateBSDownloadStreamStartedResponseData parseUpdateBSDownloadStreamStartedResponseData(const Reply& reply);
-  static UpdateBSDownloadStreamFailedResponseData parseUpdateBSDownloadStreamFailedResponseData(const Reply& reply);
-  static CheckFileExistsInDownloadsResponseData parseCheckFileExistsInDownloadsResponseData(const Reply& reply);
-  static UpdateBSUploadStreamFailedResponseData parseUpdateBSUploadStreamFailedResponseData(const Reply& reply);
-  static CheckFileExistsInTransfersResponseData parseCheckFileExistsInTransfersResponseData(const Reply& reply);
-  static UpdateBSSendStreamStartedResponseData parseUpdateBSSendStreamstartedResponseData(const Reply& reply);
-  static UpdateBSSendStreamFailedResponseData parseUpdateBSSendStreamFailedResponseData(const Reply& reply);
-  static UpdateBSReceiveStreamStartedResponseData parseUpdateBSReceiveStreamStartedResponseData(const Reply& reply);
-  static UpdateBSReceiveStreamFailedResponseData parseUpdateBSReceiveStreamFailedResponseData(const Reply& reply);
+  static InsertSharedFilesTransferResponseData parseInsertSharedFilesTransferResponseData(
+      const Reply& reply);
+  static UpdateBSUploadStreamStartedResponseData parseUpdateBSUploadStreamStartedResponseData(
+      const Reply& reply);
+  static UpdateBSDownloadStreamStartedResponseData parseUpdateBSDownloadStreamStartedResponseData(
+      const Reply& reply);
+  static UpdateBSDownloadStreamFailedResponseData parseUpdateBSDownloadStreamFailedResponseData(
+      const Reply& reply);
+  static CheckFileExistsInDownloadsResponseData parseCheckFileExistsInDownloadsResponseData(
+      const Reply& reply);
+  static UpdateBSUploadStreamFailedResponseData parseUpdateBSUploadStreamFailedResponseData(
+      const Reply& reply);
+  static CheckFileExistsInTransfersResponseData parseCheckFileExistsInTransfersResponseData(
+      const Reply& reply);
+  static UpdateBSSendStreamStartedResponseData parseUpdateBSSendStreamstartedResponseData(
+      const Reply& reply);
+  static UpdateBSSendStreamFailedResponseData parseUpdateBSSendStreamFailedResponseData(
+      const Reply& reply);
+  static UpdateBSReceiveStreamStartedResponseData parseUpdateBSReceiveStreamStartedResponseData(
+      const Reply& reply);
+  static UpdateBSReceiveStreamFailedResponseData parseUpdateBSReceiveStreamFailedResponseData(
+      const Reply& reply);
   static GetTopFileDeleteResponseData parseGetTopFileResponseData(const Reply& reply);
   static UpdateBSFileDeleteResponseData parseUpdateBSFileDeleteResponseData(const Reply& reply);
 

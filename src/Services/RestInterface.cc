@@ -121,18 +121,16 @@ void RestInterface::asyncIsFileExistsInCloud(
   const char* path = "MAC/SharedFiles.svc/IsFileExistsInCloud";
   if (isLessThan10_10()) {
     auto transport = RestConnector_Old::create();
-    transport->startAsyncTask(path, body, nullptr,
-                              [transport, report](const ConnectorResult& result, int status) {
-                                report(describeTransport("RestConnector_Old", transport.get()),
-                                       result, status);
-                              });
+    transport->startAsyncTask(
+        path, body, nullptr, [transport, report](const ConnectorResult& result, int status) {
+          report(describeTransport("RestConnector_Old", transport.get()), result, status);
+        });
   } else {
     auto transport = RestConnector::create();
-    transport->startAsyncTask(path, body, nullptr,
-                              [transport, report](const ConnectorResult& result, int status) {
-                                report(describeTransport("RestConnector", transport.get()), result,
-                                       status);
-                              });
+    transport->startAsyncTask(
+        path, body, nullptr, [transport, report](const ConnectorResult& result, int status) {
+          report(describeTransport("RestConnector", transport.get()), result, status);
+        });
   }
 }
 

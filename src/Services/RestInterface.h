@@ -50,8 +50,9 @@ class RestInterface {
   static void asyncGetSharedFilesTransferData(
       const GetSharedFilesTransferDataQuery& query,
       CompletionHandler<GetSharedFilesTransferDataResponseData> withCompletionHandler);
-  static void asyncUpdateFileExist(const UpdateFileExistQuery& query,
-                                   CompletionHandler<UpdateFileExistResponseData> withCompletionHandler);
+  static void asyncUpdateFileExist(
+      const UpdateFileExistQuery& query,
+      CompletionHandler<UpdateFileExistResponseData> withCompletionHandler);
   static void asyncUpdateFileSendReceived(
       const UpdateFileSendReceivedQuery& query,
       CompletionHandler<UpdateFileSendReceivedResponseData> withCompletionHandler);
@@ -70,116 +71,225 @@ class RestInterface {
 
   // The rest of the server interface.
   template <class Query>
-  static void asyncUserRegistration(const Query& query, CompletionHandler<UserRegistrationResponseData> withCompletionHandler) {
-    call("Registration.svc/VerifyAndRegisterUserFromTool", QueryParser::parseUserRegistrationQuery(query), &DataParser::parseUserRegistrationReponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUserRegistration(
+      const Query& query, CompletionHandler<UserRegistrationResponseData> withCompletionHandler) {
+    call("Registration.svc/VerifyAndRegisterUserFromTool",
+         QueryParser::parseUserRegistrationQuery(query),
+         &DataParser::parseUserRegistrationReponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncRegisterComputer(const Query& query, CompletionHandler<RegisterComputerResponseData> withCompletionHandler) {
-    call("Registration.svc/RegisterComputer", QueryParser::parseRegisterComputerQuery(query), &DataParser::parseRegisterComputerResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncRegisterComputer(
+      const Query& query, CompletionHandler<RegisterComputerResponseData> withCompletionHandler) {
+    call("Registration.svc/RegisterComputer", QueryParser::parseRegisterComputerQuery(query),
+         &DataParser::parseRegisterComputerResponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncSendActivationMail(const Query& query, CompletionHandler<SendActivationMailResponseData> withCompletionHandler) {
-    call("Registration.svc/SendActivationMail", QueryParser::parseSendActivationMailQuery(query), &DataParser::parseSendActivationMailResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncSendActivationMail(
+      const Query& query, CompletionHandler<SendActivationMailResponseData> withCompletionHandler) {
+    call("Registration.svc/SendActivationMail", QueryParser::parseSendActivationMailQuery(query),
+         &DataParser::parseSendActivationMailResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncOneTimeSyncOwnersSharedFolders(const Query& query, CompletionHandler<OneTimeSyncOwnersSharedFoldersResponseData> withCompletionHandler) {
-    call("Registration.svc/OneTimeSyncOwnersSharedFolders", QueryParser::parseOneTimeSyncOwnersSharedFoldersQuery(query), &DataParser::parseOneTimeSyncOwnersSharedFoldersResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncOneTimeSyncOwnersSharedFolders(
+      const Query& query,
+      CompletionHandler<OneTimeSyncOwnersSharedFoldersResponseData> withCompletionHandler) {
+    call("Registration.svc/OneTimeSyncOwnersSharedFolders",
+         QueryParser::parseOneTimeSyncOwnersSharedFoldersQuery(query),
+         &DataParser::parseOneTimeSyncOwnersSharedFoldersResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncTransferFilesFromCloudToBaseSystem(const Query& query, CompletionHandler<TransferFilesFromCloudToBaseSystemResponseData> withCompletionHandler) {
-    call("Registration.svc/TransferFilesFromCloudToBaseSystem", QueryParser::parseTransferFilesFromColudToBaseSystemQuery(query), &DataParser::parseTransferFilesFromCloudToBaseSystemResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncTransferFilesFromCloudToBaseSystem(
+      const Query& query,
+      CompletionHandler<TransferFilesFromCloudToBaseSystemResponseData> withCompletionHandler) {
+    call("Registration.svc/TransferFilesFromCloudToBaseSystem",
+         QueryParser::parseTransferFilesFromColudToBaseSystemQuery(query),
+         &DataParser::parseTransferFilesFromCloudToBaseSystemResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncGetTopFileUpload(const Query& query, CompletionHandler<GetTopFileUploadResponseData> withCompletionHandler) {
-    call("Uploads.svc/GetTopFileUpload", QueryParser::parseGetTopFileUploadQuery(query), &DataParser::parseGetTopFileUploadResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncGetTopFileUpload(
+      const Query& query, CompletionHandler<GetTopFileUploadResponseData> withCompletionHandler) {
+    call("Uploads.svc/GetTopFileUpload", QueryParser::parseGetTopFileUploadQuery(query),
+         &DataParser::parseGetTopFileUploadResponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncCheckUserMailActivationStatus(const Query& query, CompletionHandler<CheckUserMailActivationStatusResponseData> withCompletionHandler) {
-    call("Registration.svc/CheckUserMailActivationStatus", QueryParser::parseCheckUserMailActivationStatusQuery(query), &DataParser::parseCheckUserMailActivationStatusResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncCheckUserMailActivationStatus(
+      const Query& query,
+      CompletionHandler<CheckUserMailActivationStatusResponseData> withCompletionHandler) {
+    call("Registration.svc/CheckUserMailActivationStatus",
+         QueryParser::parseCheckUserMailActivationStatusQuery(query),
+         &DataParser::parseCheckUserMailActivationStatusResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncUpdateFileUpload(const Query& query, CompletionHandler<UpdateFileUploadResponseData> withCompletionHandler) {
-    call("Uploads.svc/UpdateFileUpload", QueryParser::parseUpdateFileUploadQuery(query), &DataParser::parseUpdateFileUploadResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateFileUpload(
+      const Query& query, CompletionHandler<UpdateFileUploadResponseData> withCompletionHandler) {
+    call("Uploads.svc/UpdateFileUpload", QueryParser::parseUpdateFileUploadQuery(query),
+         &DataParser::parseUpdateFileUploadResponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncGetTopFileRequest(const Query& query, CompletionHandler<GetTopFileRequestResponseData> withCompletionHandler) {
-    call("Downloads.svc/GetTopFileRequest", QueryParser::parsegetTopFileRequestQuery(query), &DataParser::parseGetTopFileRequestResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncGetTopFileRequest(
+      const Query& query, CompletionHandler<GetTopFileRequestResponseData> withCompletionHandler) {
+    call("Downloads.svc/GetTopFileRequest", QueryParser::parsegetTopFileRequestQuery(query),
+         &DataParser::parseGetTopFileRequestResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncUpdateFileRequest(const Query& query, CompletionHandler<UpdateFileRequestResponseData> withCompletionHandler) {
-    call("Downloads.svc/UpdateFileRequest", QueryParser::parseUpdateFileRequestQuery(query), &DataParser::parseUpdateFileRequestResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateFileRequest(
+      const Query& query, CompletionHandler<UpdateFileRequestResponseData> withCompletionHandler) {
+    call("Downloads.svc/UpdateFileRequest", QueryParser::parseUpdateFileRequestQuery(query),
+         &DataParser::parseUpdateFileRequestResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncUpdateComputerStatus(const Query& query, CompletionHandler<UpdateComputerStatusResponseData> withCompletionHandler) {
-    call("UpdateSystemTime.svc/UpdateComputerStatus", QueryParser::parseUpdateComputerStatusQuery(query), &DataParser::parseUpdateComputerStatusResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateComputerStatus(
+      const Query& query,
+      CompletionHandler<UpdateComputerStatusResponseData> withCompletionHandler) {
+    call("UpdateSystemTime.svc/UpdateComputerStatus",
+         QueryParser::parseUpdateComputerStatusQuery(query),
+         &DataParser::parseUpdateComputerStatusResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncOneTimeSyncFiles(const Query& query, CompletionHandler<OneTimeSyncFilesResponseData> withCompletionHandler) {
-    call("Registration.svc/OneTimeSyncFiles", QueryParser::parseOneTimeSyncFilesQuery(query), &DataParser::parseOneTimeSyncFilesResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncOneTimeSyncFiles(
+      const Query& query, CompletionHandler<OneTimeSyncFilesResponseData> withCompletionHandler) {
+    call("Registration.svc/OneTimeSyncFiles", QueryParser::parseOneTimeSyncFilesQuery(query),
+         &DataParser::parseOneTimeSyncFilesResponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncSendPasswordToMailId(const Query& query, CompletionHandler<SendPasswordToMailIdResponseData> withCompiletionHandler) {
-    call("Registration.svc/SendPasswordToMailID", QueryParser::parseSendPasswordToMailIdQuery(query), &DataParser::parseSendPasswordToMailIdResponseData, std::move(withCompiletionHandler), "");
+  static void asyncSendPasswordToMailId(
+      const Query& query,
+      CompletionHandler<SendPasswordToMailIdResponseData> withCompiletionHandler) {
+    call("Registration.svc/SendPasswordToMailID",
+         QueryParser::parseSendPasswordToMailIdQuery(query),
+         &DataParser::parseSendPasswordToMailIdResponseData, std::move(withCompiletionHandler), "");
   }
   template <class Query>
-  static void asyncUploadFileWithStream(const Query& query, CompletionHandler<WireValue> withCompletionHandler) {
-    call("MAC/SharedFiles.svc/UploadFileWithStream", QueryParser::parseUploadWithStreamQuery(query), &DataParser::parseUploadFileWithStreamResponseData, std::move(withCompletionHandler), "data from uploadfilewithstream.");
+  static void asyncUploadFileWithStream(const Query& query,
+                                        CompletionHandler<WireValue> withCompletionHandler) {
+    call("MAC/SharedFiles.svc/UploadFileWithStream", QueryParser::parseUploadWithStreamQuery(query),
+         &DataParser::parseUploadFileWithStreamResponseData, std::move(withCompletionHandler),
+         "data from uploadfilewithstream.");
   }
   template <class Query>
-  static void asyncupdateSendFileToTransfer(const Query& query, CompletionHandler<WireValue> withcompletionHandler) {
-    call("MAC/SharedFiles.svc/UpdateSendFileToTransfer", QueryParser::parseUpdateSendFileToTransferQuery(query), &DataParser::parseUpdateSendFileToTransferResponseData, std::move(withcompletionHandler), "data from updatesendfiletotransfer.");
+  static void asyncupdateSendFileToTransfer(const Query& query,
+                                            CompletionHandler<WireValue> withcompletionHandler) {
+    call("MAC/SharedFiles.svc/UpdateSendFileToTransfer",
+         QueryParser::parseUpdateSendFileToTransferQuery(query),
+         &DataParser::parseUpdateSendFileToTransferResponseData, std::move(withcompletionHandler),
+         "data from updatesendfiletotransfer.");
   }
   template <class Query>
-  static void asyncInsertFile(const Query& query, CompletionHandler<InsertFileResponseData> withCompletionHandler) {
-    call("SyncFileChanges.svc/InsertFile", QueryParser::parseInsertFileQuery(query), &DataParser::parseInsertFileResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncInsertFile(const Query& query,
+                              CompletionHandler<InsertFileResponseData> withCompletionHandler) {
+    call("SyncFileChanges.svc/InsertFile", QueryParser::parseInsertFileQuery(query),
+         &DataParser::parseInsertFileResponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncInsertSharedFilesTransfer(const Query& query, CompletionHandler<InsertSharedFilesTransferResponseData> withCompletionHandler) {
-    call("SyncFileChanges.svc/InsertSharedFilesTransfer", QueryParser::parseInsertSharedFilesTransferQuery(query), &DataParser::parseInsertSharedFilesTransferResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncInsertSharedFilesTransfer(
+      const Query& query,
+      CompletionHandler<InsertSharedFilesTransferResponseData> withCompletionHandler) {
+    call("SyncFileChanges.svc/InsertSharedFilesTransfer",
+         QueryParser::parseInsertSharedFilesTransferQuery(query),
+         &DataParser::parseInsertSharedFilesTransferResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncupdateBSUploadStreamStart(const Query& query, CompletionHandler<UpdateBSUploadStreamStartedResponseData> withCompletionHandler) {
-    call("Uploads.svc/UpdateBSUploadStreamStarted", QueryParser::parseUpdateBSUploadStreamStartedQuery(query), &DataParser::parseUpdateBSUploadStreamStartedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncupdateBSUploadStreamStart(
+      const Query& query,
+      CompletionHandler<UpdateBSUploadStreamStartedResponseData> withCompletionHandler) {
+    call("Uploads.svc/UpdateBSUploadStreamStarted",
+         QueryParser::parseUpdateBSUploadStreamStartedQuery(query),
+         &DataParser::parseUpdateBSUploadStreamStartedResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncCheckFileExistsInDownloads(const Query& query, CompletionHandler<CheckFileExistsInDownloadsResponseData> withCompletionhandler) {
-    call("Downloads.svc/CheckFileExistsInDownloads", QueryParser::parseCheckFileExistsInDownloadsQuery(query), &DataParser::parseCheckFileExistsInDownloadsResponseData, std::move(withCompletionhandler), nullptr);
+  static void asyncCheckFileExistsInDownloads(
+      const Query& query,
+      CompletionHandler<CheckFileExistsInDownloadsResponseData> withCompletionhandler) {
+    call("Downloads.svc/CheckFileExistsInDownloads",
+         QueryParser::parseCheckFileExistsInDownloadsQuery(query),
+         &DataParser::parseCheckFileExistsInDownloadsResponseData, std::move(withCompletionhandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncUpdateBSUploadStreamFailed(const Query& query, CompletionHandler<UpdateBSUploadStreamFailedResponseData> withCompletionHandler) {
-    call("Uploads.svc/UpdateBSUploadStreamFailed", QueryParser::parseUpdateBSUploadStreamFailedQuery(query), &DataParser::parseUpdateBSUploadStreamFailedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateBSUploadStreamFailed(
+      const Query& query,
+      CompletionHandler<UpdateBSUploadStreamFailedResponseData> withCompletionHandler) {
+    call("Uploads.svc/UpdateBSUploadStreamFailed",
+         QueryParser::parseUpdateBSUploadStreamFailedQuery(query),
+         &DataParser::parseUpdateBSUploadStreamFailedResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncUpdateBSSendStreamStarted(const Query& query, CompletionHandler<UpdateBSSendStreamStartedResponseData> withCompletionHandler) {
-    call("MAC/SharedFiles.svc/UpdateBSSendStreamStarted", QueryParser::parseUpdateBSSendStreamStartedQuery(query), &DataParser::parseUpdateBSSendStreamstartedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateBSSendStreamStarted(
+      const Query& query,
+      CompletionHandler<UpdateBSSendStreamStartedResponseData> withCompletionHandler) {
+    call("MAC/SharedFiles.svc/UpdateBSSendStreamStarted",
+         QueryParser::parseUpdateBSSendStreamStartedQuery(query),
+         &DataParser::parseUpdateBSSendStreamstartedResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncUpdateBSSendStreamFailed(const Query& query, CompletionHandler<UpdateBSSendStreamFailedResponseData> withCompletionHandler) {
-    call("MAC/SharedFiles.svc/UpdateBSSendStreamFailed", QueryParser::parseUpdateBSSendStreamFailedQuery(query), &DataParser::parseUpdateBSSendStreamFailedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateBSSendStreamFailed(
+      const Query& query,
+      CompletionHandler<UpdateBSSendStreamFailedResponseData> withCompletionHandler) {
+    call("MAC/SharedFiles.svc/UpdateBSSendStreamFailed",
+         QueryParser::parseUpdateBSSendStreamFailedQuery(query),
+         &DataParser::parseUpdateBSSendStreamFailedResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
   template <class Query>
-  static void asyncUpdateBSReceiveStreamStart(const Query& query, CompletionHandler<UpdateBSReceiveStreamStartedResponseData> withCompletionHandler) {
-    call("MAC/SharedFiles.svc/UpdateBSReceiveStreamStarted", QueryParser::parseUpdateBSReceiveStreamStartedQuery(query), &DataParser::parseUpdateBSReceiveStreamStartedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateBSReceiveStreamStart(
+      const Query& query,
+      CompletionHandler<UpdateBSReceiveStreamStartedResponseData> withCompletionHandler) {
+    call("MAC/SharedFiles.svc/UpdateBSReceiveStreamStarted",
+         QueryParser::parseUpdateBSReceiveStreamStartedQuery(query),
+         &DataParser::parseUpdateBSReceiveStreamStartedResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncUpdateBSReceiveStreamfailed(const Query& query, CompletionHandler<UpdateBSReceiveStreamFailedResponseData> withCompletionHandler) {
-    call("MAC/SharedFiles.svc/UpdateBSReceiveStreamFailed", QueryParser::parseUpdateBSReceiveStreamFailedQuery(query), &DataParser::parseUpdateBSReceiveStreamFailedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateBSReceiveStreamfailed(
+      const Query& query,
+      CompletionHandler<UpdateBSReceiveStreamFailedResponseData> withCompletionHandler) {
+    call("MAC/SharedFiles.svc/UpdateBSReceiveStreamFailed",
+         QueryParser::parseUpdateBSReceiveStreamFailedQuery(query),
+         &DataParser::parseUpdateBSReceiveStreamFailedResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncupdateBSDownloadStreamStart(const Query& query, CompletionHandler<UpdateBSDownloadStreamStartedResponseData> withCompletionHandler) {
-    call("Downloads.svc/UpdateBSDownloadStreamStarted", QueryParser::parseUpdateBSDownloadStreamStartedQuery(query), &DataParser::parseUpdateBSDownloadStreamStartedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncupdateBSDownloadStreamStart(
+      const Query& query,
+      CompletionHandler<UpdateBSDownloadStreamStartedResponseData> withCompletionHandler) {
+    call("Downloads.svc/UpdateBSDownloadStreamStarted",
+         QueryParser::parseUpdateBSDownloadStreamStartedQuery(query),
+         &DataParser::parseUpdateBSDownloadStreamStartedResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncupdateBSDownloadStreamFailed(const Query& query, CompletionHandler<UpdateBSDownloadStreamFailedResponseData> withCompletionHandler) {
-    call(kUpdateBSDownloadStreamFailedPath, QueryParser::parseUpdateBSDownloadStreamFailedQuery(query), &DataParser::parseUpdateBSDownloadStreamFailedResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncupdateBSDownloadStreamFailed(
+      const Query& query,
+      CompletionHandler<UpdateBSDownloadStreamFailedResponseData> withCompletionHandler) {
+    call(kUpdateBSDownloadStreamFailedPath,
+         QueryParser::parseUpdateBSDownloadStreamFailedQuery(query),
+         &DataParser::parseUpdateBSDownloadStreamFailedResponseData,
+         std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncGetTopFileDeleteRequest(const Query& query, CompletionHandler<GetTopFileDeleteResponseData> withCompletionHandler) {
-    call("Downloads.svc/GetTopFileDeleteRequest", QueryParser::parseGetTopFileDeleteRequestQuery(query), &DataParser::parseGetTopFileResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncGetTopFileDeleteRequest(
+      const Query& query, CompletionHandler<GetTopFileDeleteResponseData> withCompletionHandler) {
+    call("Downloads.svc/GetTopFileDeleteRequest",
+         QueryParser::parseGetTopFileDeleteRequestQuery(query),
+         &DataParser::parseGetTopFileResponseData, std::move(withCompletionHandler), nullptr);
   }
   template <class Query>
-  static void asyncUpdateBSFileDeleted(const Query& query, CompletionHandler<UpdateBSFileDeleteResponseData> withCompletionHandler) {
-    call("Downloads.svc/UpdateBSFileDeleted", QueryParser::parseUpdateBSFileDeletedQuery(query), &DataParser::parseUpdateBSFileDeleteResponseData, std::move(withCompletionHandler), nullptr);
+  static void asyncUpdateBSFileDeleted(
+      const Query& query, CompletionHandler<UpdateBSFileDeleteResponseData> withCompletionHandler) {
+    call("Downloads.svc/UpdateBSFileDeleted", QueryParser::parseUpdateBSFileDeletedQuery(query),
+         &DataParser::parseUpdateBSFileDeleteResponseData, std::move(withCompletionHandler),
+         nullptr);
   }
 
   // The body on the wire is the bare array of change bodies.
@@ -198,7 +308,8 @@ class RestInterface {
   static void asyncGetTopFileUploadWithStream(const Query& query,
                                               StreamCompletionHandler withCompletionHandler) {
     startRawAnswer("Uploads.svc/GetTopFileUploadWithStream",
-                   QueryParser::parseGetTopFileUploadQuery(query), std::move(withCompletionHandler));
+                   QueryParser::parseGetTopFileUploadQuery(query),
+                   std::move(withCompletionHandler));
   }
   // Uploads the file the body names. Nothing at all on legacy hosts.
   template <class Query>
@@ -243,10 +354,11 @@ class RestInterface {
                    Record (*parse)(const DataParser::Reply&), CompletionHandler<Record> completion,
                    const char* logPrefix) {
     logBody(logPrefix, body);
-    startJsonExchange(path, body, [parse, completion = std::move(completion)](
-                                      const ConnectorResult& result, int status) {
-      auto [outcome, code] = interpret<Record>(result, status, parse);
-      completion(outcome, code);
-    });
+    startJsonExchange(
+        path, body,
+        [parse, completion = std::move(completion)](const ConnectorResult& result, int status) {
+          auto [outcome, code] = interpret<Record>(result, status, parse);
+          completion(outcome, code);
+        });
   }
 };

@@ -22,17 +22,19 @@ namespace {
 
 // A record with every property any request builder reads; in the full pass each
 // holds "q-<property>".
-#define EVERY_QUERY_PROPERTY(X)                                                             \
-  X(mailId) X(passWord) X(firstName) X(lastName) X(nickName) X(userId) X(tallowboxPath)    \
-  X(computerId) X(toComputerId) X(fileUploadId) X(fileName) X(serverPath)                 \
-  X(transitUploadPath) X(fromComputerID) X(filePath) X(fileRequestId)                     \
-  X(transitDownloadPath) X(attachment) X(dateTime) X(versionNumber) X(allFiles)           \
-  X(computerID) X(fullPathFromFileTable) X(ChangeType) X(SharedFileTransferID)            \
-  X(FullPathFromFileTable) X(ToCloud) X(IsFile) X(ToComputerID) X(NewFullPath)            \
-  X(OwnerFileID) X(FromComputerID) X(TallowboxPath) X(FileNameToSend) X(Length)           \
-  X(fullPath) X(fileID) X(userComputerID) X(oldFullPath) X(isFile) X(baseSystemFileID)    \
-  X(prevFolderFileID) X(changeType) X(StrXMLFileID) X(sharedFileTransferID)               \
-  X(deleteRequestID) X(fileSize) X(fileModifiedDate)
+#define EVERY_QUERY_PROPERTY(X)                                                                 \
+  X(mailId)                                                                                     \
+  X(passWord) X(firstName) X(lastName) X(nickName) X(userId) X(tallowboxPath) X(computerId)     \
+      X(toComputerId) X(fileUploadId) X(fileName) X(serverPath) X(transitUploadPath)            \
+          X(fromComputerID) X(filePath) X(fileRequestId) X(transitDownloadPath) X(attachment)   \
+              X(dateTime) X(versionNumber) X(allFiles) X(computerID) X(fullPathFromFileTable)   \
+                  X(ChangeType) X(SharedFileTransferID) X(FullPathFromFileTable) X(ToCloud)     \
+                      X(IsFile) X(ToComputerID) X(NewFullPath) X(OwnerFileID) X(FromComputerID) \
+                          X(TallowboxPath) X(FileNameToSend) X(Length) X(fullPath) X(fileID)    \
+                              X(userComputerID) X(oldFullPath) X(isFile) X(baseSystemFileID)    \
+                                  X(prevFolderFileID) X(changeType) X(StrXMLFileID)             \
+                                      X(sharedFileTransferID) X(deleteRequestID) X(fileSize)    \
+                                          X(fileModifiedDate)
 
 struct AnyQuery {
 #define DECLARE(name) WireValue name;
@@ -51,17 +53,18 @@ AnyQuery anyQuery(bool full) {
 }
 
 // Sets each named property of `query` to "q-<property>" in the full pass.
-#define SERVICE_QUERY(Type, ...)                            \
-  Type make##Type(bool full) {                              \
-    Type query;                                             \
-    if (full) {                                             \
-      for (auto [member, name] : {__VA_ARGS__}) {           \
-        query.*member = std::string("q-") + name;           \
-      }                                                     \
-    }                                                       \
-    return query;                                           \
+#define SERVICE_QUERY(Type, ...)                  \
+  Type make##Type(bool full) {                    \
+    Type query;                                   \
+    if (full) {                                   \
+      for (auto [member, name] : {__VA_ARGS__}) { \
+        query.*member = std::string("q-") + name; \
+      }                                           \
+    }                                             \
+    return query;                                 \
   }
-#define P(Type, name) std::pair{&Type::name, #name}
+#define P(Type, name) \
+  std::pair { &Type::name, #name }
 SERVICE_QUERY(LogErrorQuery, P(LogErrorQuery, errorClass), P(LogErrorQuery, errorMethod),
               P(LogErrorQuery, errorMessage), P(LogErrorQuery, computerId),
               P(LogErrorQuery, userId))
@@ -85,10 +88,14 @@ SERVICE_QUERY(CheckFileExistsInTransfersQuery,
 template <class Query>
 Query makeQuery(bool full);
 template <>
-AnyQuery makeQuery(bool full) { return anyQuery(full); }
-#define MAKE(Type) \
-  template <>      \
-  Type makeQuery(bool full) { return make##Type(full); }
+AnyQuery makeQuery(bool full) {
+  return anyQuery(full);
+}
+#define MAKE(Type)            \
+  template <>                 \
+  Type makeQuery(bool full) { \
+    return make##Type(full);  \
+  }
 MAKE(LogErrorQuery)
 MAKE(GetSharedFilesTransferDataQuery)
 MAKE(UpdateFileExistQuery)
@@ -172,13 +179,18 @@ std::vector<Row> catalogue() {
   using R = RestInterface;
   return {
       row("Registration.svc/VerifyAndRegisterUserFromTool",
-          {{"MailID", "mailId"}, {"Password", "passWord"}, {"FirstName", "firstName"},
-           {"LastName", "lastName"}, {"NickName", "nickName"}},
+          {{"MailID", "mailId"},
+           {"Password", "passWord"},
+           {"FirstName", "firstName"},
+           {"LastName", "lastName"},
+           {"NickName", "nickName"}},
           &R::asyncUserRegistration<AnyQuery>,
           std::function<Fields(const UserRegistrationResponseData&)>(
               [](const UserRegistrationResponseData& r) -> Fields {
-                return {{"ReturnStatus", r.returnStatus}, {"ReturnVal", r.returnValue},
-                        {"UserID", r.userId}, {"CloudComputerID", r.cloudComputerId},
+                return {{"ReturnStatus", r.returnStatus},
+                        {"ReturnVal", r.returnValue},
+                        {"UserID", r.userId},
+                        {"CloudComputerID", r.cloudComputerId},
                         {"error", r.error}};
               })),
       row("Registration.svc/RegisterComputer",
@@ -186,7 +198,8 @@ std::vector<Row> catalogue() {
           &R::asyncRegisterComputer<AnyQuery>,
           std::function<Fields(const RegisterComputerResponseData&)>(
               [](const RegisterComputerResponseData& r) -> Fields {
-                return {{"ComputerID", r.computerId}, {"ReturnStatus", r.returnStatus},
+                return {{"ComputerID", r.computerId},
+                        {"ReturnStatus", r.returnStatus},
                         {"error", r.error}};
               })),
       row("Registration.svc/SendActivationMail", {{"MailID", "mailId"}, {"UserID", "userId"}},
@@ -224,7 +237,9 @@ std::vector<Row> catalogue() {
                         {"error", r.error}};
               })),
       row("Uploads.svc/UpdateFileUpload",
-          {{"FileUploadID", "fileUploadId"}, {"FileName", "fileName"}, {"ServerPath", "serverPath"},
+          {{"FileUploadID", "fileUploadId"},
+           {"FileName", "fileName"},
+           {"ServerPath", "serverPath"},
            {"TransitUploadPath", "transitUploadPath"}},
           &R::asyncUpdateFileUpload<AnyQuery>,
           std::function<Fields(const ReturnStatusResponseData&)>(statusAndError)),
@@ -242,12 +257,15 @@ std::vector<Row> catalogue() {
                         {"error", r.error}};
               })),
       row("Downloads.svc/UpdateFileRequest",
-          {{"FilePath", "filePath"}, {"FileRequestID", "fileRequestId"},
-           {"TransitDownloadPath", "transitDownloadPath"}, {"Attachment", "attachment"}},
+          {{"FilePath", "filePath"},
+           {"FileRequestID", "fileRequestId"},
+           {"TransitDownloadPath", "transitDownloadPath"},
+           {"Attachment", "attachment"}},
           &R::asyncUpdateFileRequest<AnyQuery>,
           std::function<Fields(const UpdateFileRequestResponseData&)>(capitalStatus)),
       row("UpdateSystemTime.svc/UpdateComputerStatus",
-          {{"ComputerID", "computerId"}, {"DateTime", "dateTime"},
+          {{"ComputerID", "computerId"},
+           {"DateTime", "dateTime"},
            {"VersionNumber", "versionNumber"}},
           &R::asyncUpdateComputerStatus<AnyQuery>,
           std::function<Fields(const UpdateComputerStatusResponseData&)>(
@@ -257,7 +275,8 @@ std::vector<Row> catalogue() {
                         {"error", r.error}};
               })),
       row("Registration.svc/OneTimeSyncFiles",
-          {{"AllFiles", "allFiles"}, {"ComputerID", "computerId"},
+          {{"AllFiles", "allFiles"},
+           {"ComputerID", "computerId"},
            {"TallowboxPath", "tallowboxPath"}},
           &R::asyncOneTimeSyncFiles<AnyQuery>,
           std::function<Fields(const ReturnStatusResponseData&)>(statusAndError)),
@@ -265,8 +284,11 @@ std::vector<Row> catalogue() {
           &R::asyncSendPasswordToMailId<AnyQuery>,
           std::function<Fields(const SendPasswordToMailIdResponseData&)>(mailReply), ""),
       row("MAC/ErrorLog.svc/LogError",
-          {{"ErrorClass", "errorClass"}, {"ErrorMethod", "errorMethod"},
-           {"ErrorMessage", "errorMessage"}, {"ComputerID", "computerId"}, {"UserID", "userId"}},
+          {{"ErrorClass", "errorClass"},
+           {"ErrorMethod", "errorMethod"},
+           {"ErrorMessage", "errorMessage"},
+           {"ComputerID", "computerId"},
+           {"UserID", "userId"}},
           &R::asyncLogError, std::function<Fields(const LogErrorResponseData&)>(statusAndError),
           ""),
       row("MAC/SharedFiles.svc/GetSharedFilesTransferData",
@@ -285,7 +307,8 @@ std::vector<Row> catalogue() {
           std::function<Fields(const UpdateFileSendReceivedResponseData&)>(statusAndError),
           "data from updatefilesendreceived."),
       row("MAC/SharedFiles.svc/UploadFileWithStream",
-          {{"ComputerID", "computerID"}, {"TallowboxPath", "tallowboxPath"},
+          {{"ComputerID", "computerID"},
+           {"TallowboxPath", "tallowboxPath"},
            {"FullPathFromFileTable", "fullPathFromFileTable"}},
           &R::asyncUploadFileWithStream<AnyQuery>,
           std::function<Fields(const WireValue&)>(bareStatus), "data from uploadfilewithstream."),
@@ -307,24 +330,25 @@ std::vector<Row> catalogue() {
           "data from updatesendfiletotransfer."),
       row("MAC/SharedFiles.svc/IsFileExistsInCloud", {{"StrFullPath", "strFullPath"}},
           &R::asyncIsFileExistsInCloud,
-          std::function<Fields(const IsFileExistsInCloudResponseData&)>(
-              [](const IsFileExistsInCloudResponseData& r) -> Fields {
-                return {
-                    {"IsExists", r.isExists}, {"ReturnStatus", r.returnStatus}, {"error", r.error}};
-              }),
+          std::function<Fields(
+              const IsFileExistsInCloudResponseData&)>([](const IsFileExistsInCloudResponseData& r)
+                                                           -> Fields {
+            return {{"IsExists", r.isExists}, {"ReturnStatus", r.returnStatus}, {"error", r.error}};
+          }),
           "data in could query..."),
       row("MAC/SharedFiles.svc/UpdateFileReceived",
           {{"SharedFileTransferID", "sharedFileTransferID"}, {"IsExists", "isFileExists"}},
           &R::asyncUpdateFileReceived,
           std::function<Fields(const UpdateFileReceivedResponseData&)>(capitalStatus)),
       row("MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer",
-          {{"IsExists", "isFileExists"}, {"SavedFileID", "savedFileID"},
+          {{"IsExists", "isFileExists"},
+           {"SavedFileID", "savedFileID"},
            {"SharedFileTransferID", "sharedFileTransferID"}},
           &R::asyncDeleteReceivedFileFromTransfer,
           std::function<Fields(const DeleteReceivedFileFromTransferResponseData&)>(capitalStatus),
           "data for delete Received File from Transfer....."),
-      row("SyncFileChanges.svc/InsertFile", {{"FullPath", "fullPath"}, {"ComputerID", "computerID"}},
-          &R::asyncInsertFile<AnyQuery>,
+      row("SyncFileChanges.svc/InsertFile",
+          {{"FullPath", "fullPath"}, {"ComputerID", "computerID"}}, &R::asyncInsertFile<AnyQuery>,
           std::function<Fields(const InsertFileResponseData&)>(
               [](const InsertFileResponseData& r) -> Fields {
                 return {{"FileID", r.fileID}, {"ReturnStatus", r.returnStatus}, {"error", r.error}};
@@ -536,12 +560,14 @@ TEST_F(RestInterfaceTest, UploadStatusOperationsHandOnTheBareStatusValue) {
                 ReferenceServer::json({{"error", kError}}));
   std::promise<std::pair<OperationResult<WireValue>, int>> upload;
   std::promise<std::pair<OperationResult<WireValue>, int>> update;
-  RestInterface::asyncUploadFileWithStream(
-      anyQuery(true),
-      [&](const OperationResult<WireValue>& result, int s) { upload.set_value({result, s}); });
+  RestInterface::asyncUploadFileWithStream(anyQuery(true),
+                                           [&](const OperationResult<WireValue>& result, int s) {
+                                             upload.set_value({result, s});
+                                           });
   RestInterface::asyncupdateSendFileToTransfer(
-      anyQuery(true),
-      [&](const OperationResult<WireValue>& result, int s) { update.set_value({result, s}); });
+      anyQuery(true), [&](const OperationResult<WireValue>& result, int s) {
+        update.set_value({result, s});
+      });
   auto [uploaded, uploadStatus] = upload.get_future().get();
   EXPECT_EQ(uploadStatus, 0);
   ASSERT_TRUE(uploaded.record);
@@ -734,7 +760,8 @@ TEST_F(RestInterfaceTest, OlderHostsUseTheLegacyConnectorAndSkipTheStreamOperati
   AnyQuery query = anyQuery(true);
   server.clearRequests();
   RestInterface::asyncGetTopFileUploadWithStream(
-      query, [&](const std::optional<URLResponse>&, const ConnectorResult&, int) { called = true; });
+      query,
+      [&](const std::optional<URLResponse>&, const ConnectorResult&, int) { called = true; });
   RestInterface::asyncUpdateFileRequestWithStream(
       query, [&](const OperationResult<UpdateFileRequestResponseData>&, int) { called = true; });
   EXPECT_TRUE(log.containsPrefix("strem dictionary {"));
