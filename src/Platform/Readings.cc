@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <variant>
 
 #include "Platform/ValueError.h"
 
@@ -92,4 +93,39 @@ bool Readings::isEqualToText(const Value* value, std::string_view text) {
 
 bool Readings::isEqualToText(const std::optional<nlohmann::json>& value, std::string_view text) {
   return value && value->is_string() && value->get_ref<const std::string&>() == text;
+}
+
+std::optional<nlohmann::json> Readings::requestValue(const Value* value) {
+  if (value == nullptr) return std::nullopt;
+  if (const std::string* text = value->string()) return *text;
+  if (const Value::Number* number = value->number()) {
+    return std::visit([](auto n) { return nlohmann::json(n); }, *number);
+  }
+  return std::nullopt;
+}
+
+Value Readings::listValue(const std::optional<nlohmann::json>& value) {
+  if (!value) throw ValueError("an absent value cannot be put into a list entry");
+  const nlohmann::json& j = *value;
+  switch (j.type()) {
+    case nlohmann::json::value_t::string:
+      return j.get<std::string>();
+    case nlohmann::json::value_t::boolean:
+      return Value::boolean(j.get<bool>());
+    case nlohmann::json::value_t::number_integer:
+      return Value::integer(j.get<std::int64_t>());
+    case nlohmann::json::value_t::number_unsigned:
+      return Value::unsignedInteger(j.get<std::uint64_t>());
+    case nlohmann::json::value_t::number_float:
+      return Value::real(j.get<double>());
+    default:
+      throw ValueError(std::string("a JSON ") + j.type_name() + " cannot be put into a list entry");
+  }
+}
+
+std::string Readings::formatted(const std::optional<nlohmann::json>& value) {
+  if (!value) return "(null)";
+  if (value->is_string()) return value->get<std::string>();
+  if (value->is_number() || value->is_boolean()) return value->dump();
+  throw ValueError(std::string("a JSON ") + value->type_name() + " has no text to show");
 }

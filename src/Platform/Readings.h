@@ -30,4 +30,16 @@ class Readings {
   // The value is a string holding exactly `text` (case-sensitive; a number never is).
   static bool isEqualToText(const Value* value, std::string_view text);
   static bool isEqualToText(const std::optional<nlohmann::json>& value, std::string_view text);
+
+  // A preference value as it goes into a server request: a string or number as it
+  // is; absent for nothing and for kinds a request does not carry.
+  static std::optional<nlohmann::json> requestValue(const Value* value);
+  // A server value as it goes into a preference list: a string or number as it
+  // is. Throws ValueError for an absent value (it cannot be put into a
+  // collection) and for JSON null, arrays and objects.
+  static Value listValue(const std::optional<nlohmann::json>& value);
+  // The text a value shows when formatted into a path or a log line with "%@":
+  // a string as it is, a number as its decimal text, "(null)" when absent.
+  // Throws ValueError for other kinds.
+  static std::string formatted(const std::optional<nlohmann::json>& value);
 };

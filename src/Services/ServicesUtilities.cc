@@ -2,7 +2,11 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <string>
+
+#include "Platform/PathNames.h"
 
 std::optional<double> ServicesUtilities::appKitVersionNumber() {
   const char* text = std::getenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe)
@@ -44,4 +48,31 @@ std::string ServicesUtilities::convertPathToWindows(const std::string& path) {
     if (c == '/') c = '\\';
   }
   return server;
+}
+
+std::string ServicesUtilities::checkDuplicateAndCreate(const std::string& path,
+                                                       const std::string& /*tallowboxPath*/) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  if (!fs::exists(fs::symlink_status(path, error))) return path;
+  const std::string folder = PathNames::stringByDeletingLastPathComponent(path);
+  const std::string name =
+      PathNames::stringByDeletingPathExtension(PathNames::lastPathComponent(path));
+  const std::string extension = PathNames::pathExtension(path);
+  const bool isDirectory = fs::is_directory(fs::symlink_status(path, error));
+  // Taken names are skipped without limit; a copy that keeps failing would loop
+  // for ever, so that ends the search.
+  constexpr int kFailedCopiesAllowed = 100;
+  int failedCopies = 0;
+  for (long counter = 1;; ++counter) {
+    std::string candidate = name + " " + std::to_string(counter);
+    if (!isDirectory && !extension.empty()) candidate += "." + extension;
+    std::string newPath = PathNames::stringByAppendingPathComponent(folder, candidate);
+    if (fs::exists(fs::symlink_status(newPath, error))) continue;
+    fs::copy(path, newPath, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+    if (!error) return newPath;
+    if (++failedCopies == kFailedCopiesAllowed) {
+      throw std::runtime_error("cannot copy " + path + " to a free name: " + error.message());
+    }
+  }
 }

@@ -25,4 +25,12 @@ class ServicesUtilities {
   static std::string convertPathToMac(const std::string& path);
   // A local path in server form: the first character dropped, every "/" made "\\".
   static std::string convertPathToWindows(const std::string& path);
+
+  // Where a received item may be written at `path`: the path itself when it is
+  // free; otherwise the item already there is copied beside itself to the first
+  // free numbered name ("report 1.txt", "report 2.txt", ...; a folder "Photos 1")
+  // and that copy's path is returned, the original left untouched. `tallowboxPath`
+  // is not used. Throws std::runtime_error when copying keeps failing.
+  static std::string checkDuplicateAndCreate(const std::string& path,
+                                             const std::string& tallowboxPath);
 };

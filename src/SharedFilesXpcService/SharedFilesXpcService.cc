@@ -1,11 +1,43 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "Platform/Log.h"
+#include "Platform/Readings.h"
 #include "Platform/UserDefaults.h"
+#include "Platform/ValueError.h"
+#include "Services/RestInterface.h"
+#include "Services/ServicesUtilities.h"
+#include "SharedFilesXpcService/ErrorLogReport.h"
+#include "SharedFilesXpcService/ServiceFolders.h"
+#include "SharedFilesXpcService/SharedFilesList.h"
 
 namespace {
 
 std::atomic<std::chrono::nanoseconds::rep> gCyclePeriod{
     SharedFilesXpcService::kCyclePeriod.count()};
+
+// A server value as a predicate argument.
+Predicate::Argument argumentFor(const WireValue& value) {
+  if (!value) return std::nullopt;
+  return Readings::listValue(value);
+}
+
+// The number of "/"-separated components of an entry's "FileName".
+std::size_t depthOf(const Value& entry) {
+  const Value* name = entry.objectForKey("FileName");
+  if (name == nullptr || name->string() == nullptr) {
+    throw ValueError("a shared-files entry has no FileName text");
+  }
+  return static_cast<std::size_t>(std::count(name->string()->begin(), name->string()->end(), '/')) +
+         1;
+}
+
+void setBlocked(Value::Array& list, const Value::Array& entries, const char* blocked) {
+  for (const Value& entry : entries) SharedFilesList::setValueOfEntry(list, entry, "Blocked", blocked);
+}
 
 }  // namespace
 
@@ -41,13 +73,177 @@ void SharedFilesXpcService::startSharedFileToTransfer() {
   if (!sendLock() && !receiveLock()) {
     sendLock_.store(true, std::memory_order_relaxed);
     receiveLock_.store(true, std::memory_order_relaxed);
-    // Querying. The pending-work query for the snapshot's "computerIdKey" and
-    // "userIdKey", whose completion clears the flags, arrives with the server
-    // interface; until then the cycle stays in this state.
+    Value::Dictionary prefs = iAppsPrefs();
+    GetSharedFilesTransferDataQuery query;
+    query.computerId = Readings::requestValue(Value::objectForKey(prefs, "computerIdKey"));
+    query.userId = Readings::requestValue(Value::objectForKey(prefs, "userIdKey"));
+    RestInterface::asyncGetSharedFilesTransferData(
+        query, [self = shared_from_this()](
+                   const OperationResult<GetSharedFilesTransferDataResponseData>& result,
+                   int status) { self->transferDataArrived(result, status); });
   }
 
   scheduler_.dispatchAfter(cyclePeriod(),
                            [self = shared_from_this()] { self->startSharedFileToTransfer(); });
+}
+
+void SharedFilesXpcService::transferDataArrived(
+    const OperationResult<GetSharedFilesTransferDataResponseData>& result, int status) {
+  if (status != 0 || !result.record) {
+    unLockService();
+    return;
+  }
+  const GetSharedFilesTransferDataResponseData& data = *result.record;
+  try {
+    // kept: a refused reply stalls the cycle until the application calls
+    // SharedFile again; the timer keeps firing but sends nothing.
+    if (Readings::integerValue(data.ReturnStatus) != 0) return;
+  } catch (const ValueError& error) {
+    // No integer at all: as unreadable as a reply that is not JSON.
+    Log::printf("Dropped a pending-work reply: %s", error.what());
+    unLockService();
+    return;
+  }
+  Log::printf("owner finished %lu", static_cast<unsigned long>(data.OwnerComputersArray.size()));
+  // Owners first, then folder states, both before any pass reads the list.
+  // Their exceptions are dropped: the cycle goes on.
+  if (!data.OwnerComputersArray.empty()) {
+    try {
+      ProcessOwnerComputers(data.OwnerComputersArray);
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+    }
+  }
+  if (!data.SharedfoldersWithStatusArray.empty()) {
+    try {
+      ProcessSharedFoldersWithStatus(data.SharedfoldersWithStatusArray);
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+    }
+  }
+  Log::line("finished process shared");
+
+  if (!data.fileToTransferArray.empty()) {
+    scheduler_.dispatchAsync([handler = sendHandler(), files = data.fileToTransferArray] {
+      try {
+        handler->FileToTransferMethod(files);
+      } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+      }
+    });
+  } else {
+    sendLock_.store(false, std::memory_order_relaxed);
+  }
+  if (!data.RecFileFromTransferArray.empty()) {
+    scheduler_.dispatchAsync([handler = receiveHandler(), files = data.RecFileFromTransferArray] {
+      try {
+        handler->recFileFromTransfer(files);
+      } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+      }
+    });
+  } else {
+    receiveLock_.store(false, std::memory_order_relaxed);
+  }
+}
+
+std::shared_ptr<SendFileToTransferHandler> SharedFilesXpcService::sendHandler() {
+  std::lock_guard lock(mutex_);
+  if (!sFTHandlerObj_) {
+    sFTHandlerObj_ = std::make_shared<SendFileToTransferHandler>();
+    sFTHandlerObj_->setDelegate(std::weak_ptr<SendFileToTransferDelegate>(shared_from_this()));
+  }
+  return sFTHandlerObj_;
+}
+
+std::shared_ptr<ReceiveFileFromTransferHandler> SharedFilesXpcService::receiveHandler() {
+  std::lock_guard lock(mutex_);
+  if (!rFTHandlerObj_) {
+    rFTHandlerObj_ = std::make_shared<ReceiveFileFromTransferHandler>();
+    rFTHandlerObj_->setDelegate(
+        std::weak_ptr<ReceiveFileFromTransferDelegate>(shared_from_this()));
+  }
+  return rFTHandlerObj_;
+}
+
+void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerComputers>& owners) {
+  Log::line("Owner Computer Process");
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  Value::Array list = SharedFilesList::load(defaults);
+  const Value::Dictionary prefs = iAppsPrefs();
+  for (const OwnerComputers& owner : owners) {
+    const Predicate::Argument mapId = argumentFor(owner.userComputerMapId);
+    const char* rootsOf = "(UserComputerMapID == %@) AND (OwnerFileID == %@)";
+
+    // kept: every entry of the mapping one level deeper than a root entry is
+    // blocked, wherever it lies; the folder states unblock the shared ones.
+    for (const Value& root : SharedFilesList::filter(list, rootsOf, {mapId, Value("0")})) {
+      const std::size_t depth = depthOf(root);
+      for (const Value& entry : SharedFilesList::filter(list, "(UserComputerMapID == %@)", {mapId})) {
+        if (depthOf(entry) == depth + 1) SharedFilesList::setValueOfEntry(list, entry, "Blocked", "1");
+      }
+    }
+
+    Value::Array roots = SharedFilesList::filter(list, rootsOf, {mapId, Value("0")});
+    if (Readings::integerValue(owner.status) != 1) {
+      setBlocked(list, roots, "1");
+    } else if (!roots.empty()) {
+      setBlocked(list, roots, "0");
+    } else {
+      const std::string productFolder = ServiceFolders::productFolder(prefs);
+      const std::string wanted =
+          productFolder + "/" + Readings::formatted(owner.nickName) + " (Shared)";
+      ServiceFolders::checkInside(wanted, prefs);
+      const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
+      std::error_code error;
+      if (!std::filesystem::exists(std::filesystem::symlink_status(free, error))) {
+        std::filesystem::create_directories(free, error);
+      }
+      // kept: the entry names the wanted path and its file number even when a
+      // folder of that name existed and the free path differs; it then names
+      // the older folder.
+      Value::Dictionary entry;
+      entry["OwnerFileID"] = "0";
+      entry["UserComputerMapID"] = Readings::listValue(owner.userComputerMapId);
+      entry["FileName"] = wanted;
+      entry["IsFile"] = "0";
+      entry["MyFile"] = "0";
+      entry["SavedFileID"] = "";
+      // kept: a new root entry holds the status as received ("1", blocked) and is
+      // unblocked by the next cycle.
+      entry["Blocked"] = Readings::listValue(owner.status);
+      entry["DeleteKey"] = "0";
+      struct stat attributes {};
+      if (::lstat(wanted.c_str(), &attributes) == 0) {
+        entry["FileID"] = std::to_string(attributes.st_ino);
+      }
+      list.emplace_back(std::move(entry));
+    }
+  }
+  setSharedFilesDefaultsArray(list);
+  SharedFilesList::store(defaults, list);
+  defaults.synchronize();
+}
+
+void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
+    const std::vector<SharedfoldersWithStatus>& folders) {
+  Log::line("process shared ");
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  setSharedFilesDefaultsArray({});
+  Value::Array list = SharedFilesList::load(defaults);
+  setSharedFilesDefaultsArray(list);
+  if (list.empty()) return;
+  for (const SharedfoldersWithStatus& folder : folders) {
+    Value::Array matching =
+        SharedFilesList::filter(list, "(OwnerFileID == %@)", {argumentFor(folder.fileId)});
+    if (Readings::integerValue(folder.sharedStatus) != 1) continue;
+    setBlocked(list, matching, "0");
+    setSharedFilesDefaultsArray(list);
+    SharedFilesList::store(defaults, list);
+    defaults.synchronize();
+  }
+}
+
+void SharedFilesXpcService::logErrorMethod(const std::exception& exception) {
+  setIAppsPrefs({});
+  setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
+  ErrorLogReport::send("SharedFilesXpcService", "URLSession", exception, iAppsPrefs());
 }
 
 void SharedFilesXpcService::SendFileNotify() { sendLock_.store(false, std::memory_order_relaxed); }

@@ -4,9 +4,16 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "Platform/DispatchQueues.h"
 #include "Platform/Value.h"
+#include "Services/OperationResult.h"
+#include "Services/Records/GetSharedFilesTransferDataResponseData.h"
+#include "Services/Records/OwnerComputers.h"
+#include "Services/Records/SharedfoldersWithStatus.h"
+#include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
+#include "SharedFilesXpcService/SendFileToTransferHandler.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
 #include "SharedFilesXpcService/SharedFilesXpcServiceProtocol.h"
@@ -42,7 +49,26 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   // Clears both pass flags (the server query failed).
   void unLockService();
   // One step of the cycle; always schedules the next one a cycle period later.
+  // When neither pass flag is set it sets both and asks the server what is
+  // pending; the reply's owner computers and folder states are processed at once,
+  // its files to send and receive are handed to the two handlers' passes, and
+  // each flag is cleared when its pass ends (at once when there is no work of
+  // its kind). A failed query clears both flags; a reply the server refused
+  // ("ReturnStatus" other than 0) leaves both set until the next `SharedFile`.
   void startSharedFileToTransfer();
+
+  // Keeps one root folder ("<nick name> (Shared)" in the product folder) and one
+  // root entry in the shared-files list per owner computer whose share is
+  // active, and marks root entries and their first-level children blocked or
+  // unblocked by the owners' status. Throws on values it cannot read, or on a
+  // folder that would lie outside the product folder; the list is then not stored.
+  void ProcessOwnerComputers(const std::vector<OwnerComputers>& owners);
+  // Unblocks the list entries of every folder whose shared status is 1, storing
+  // the list once per such folder.
+  void ProcessSharedFoldersWithStatus(const std::vector<SharedfoldersWithStatus>& folders);
+
+  // Reports `exception` to the server's error log as the service's own.
+  void logErrorMethod(const std::exception& exception);
 
   void SendFileNotify() override;
   void ReceiveFileNotify() override;
@@ -60,12 +86,19 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   explicit SharedFilesXpcService(Scheduler& scheduler);
 
   void setIAppsPrefs(Value::Dictionary prefs);
+  // The completion of the pending-work query.
+  void transferDataArrived(const OperationResult<GetSharedFilesTransferDataResponseData>& result,
+                           int status);
+  std::shared_ptr<SendFileToTransferHandler> sendHandler();
+  std::shared_ptr<ReceiveFileFromTransferHandler> receiveHandler();
 
   Scheduler& scheduler_;
 
   mutable std::mutex mutex_;  // guards the members below
   Value::Dictionary iAppsPrefs_;
   Value::Array sharedFilesDefaultsArray_;
+  std::shared_ptr<SendFileToTransferHandler> sFTHandlerObj_;
+  std::shared_ptr<ReceiveFileFromTransferHandler> rFTHandlerObj_;
 
   std::atomic<bool> receiveLock_{false};
   std::atomic<bool> sendLock_{false};

@@ -4,6 +4,8 @@
 
 #include <fstream>
 
+#include "ReferenceServer.h"
+#include "support/FixedReachability.h"
 #include "support/ManualScheduler.h"
 #include "support/TemporaryFolder.h"
 
@@ -14,13 +16,23 @@ namespace {
 class SharedFilesXpcServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    // The server refuses every query, so a querying cycle stays stalled and these
+    // tests see the timer alone.
+    server.script("MAC/SharedFiles.svc/GetSharedFilesTransferData",
+                  ReferenceServer::json({{"ReturnStatus", "1"}}));
+    server.start();
+    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);        // NOLINT(concurrency-mt-unsafe)
     std::ofstream(folder.file("Quentara.Tallowbox.plist"))
         << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
            "<key>computerIdKey</key><string>C1</string>"
            "<key>userIdKey</key><string>U1</string></dict></plist>";
   }
 
+  void TearDown() override { Reachability::setFlagsSourceForTesting(nullptr); }
+
+  std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
+  ReferenceServer server;
   TemporaryFolder folder;
   ManualScheduler scheduler;
 };

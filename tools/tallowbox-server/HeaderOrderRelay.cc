@@ -161,7 +161,7 @@ void HeaderOrderRelay::relay(int client) {
   bool noted = false;
   std::array<pollfd, 2> ends{pollfd{client, POLLIN, 0}, pollfd{upstream, POLLIN, 0}};
   std::array<bool, 2> open{true, true};
-  std::array<char, 64 * 1024> buffer{};
+  std::array<char, std::size_t{64} * 1024> buffer{};
   while (!stopping_ && (open[0] || open[1])) {
     for (std::size_t i = 0; i < ends.size(); ++i) ends[i].events = open[i] ? POLLIN : 0;
     if (::poll(ends.data(), ends.size(), kPollMilliseconds) <= 0) continue;
