@@ -12,7 +12,6 @@ void ErrorLogReport::send(const std::string& errorClass, const std::string& erro
   if (!reason.empty()) query.errorMessage = reason;
   query.computerId = Readings::requestValue(Value::objectForKey(iAppsPrefs, "computerIdKey"));
   query.userId = Readings::requestValue(Value::objectForKey(iAppsPrefs, "userIdKey"));
-  RestInterface::asyncLogError(query,
-                               [](const OperationResult<LogErrorResponseData>& /*result*/,
-                                  int /*status*/) {});
+  RestInterface::asyncLogError(
+      query, [](const OperationResult<LogErrorResponseData>& /*result*/, int /*status*/) {});
 }

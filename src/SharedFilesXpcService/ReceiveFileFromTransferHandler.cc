@@ -113,7 +113,8 @@ void ReceiveFileFromTransferHandler::clearTemp(const std::string& path) {
   if (component == given.end() || std::next(component) == given.end()) {
     throw std::runtime_error("no download folder is named in " + path);
   }
-  const std::string folder = ServiceFolders::downloadFolder() + "/" + std::next(component)->string();
+  const std::string folder =
+      ServiceFolders::downloadFolder() + "/" + std::next(component)->string();
   ServiceFolders::checkInside(folder, iAppsPrefs());
   std::error_code error;
   for (const auto& item : fs::directory_iterator(folder, error)) {

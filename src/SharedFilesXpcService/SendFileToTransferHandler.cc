@@ -13,8 +13,7 @@ std::shared_ptr<SendFileToTransferDelegate> SendFileToTransferHandler::delegate(
   return delegate_.lock();
 }
 
-void SendFileToTransferHandler::FileToTransferMethod(
-    const std::vector<FileToTransfer>& /*files*/) {
+void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTransfer>& /*files*/) {
   if (auto told = delegate()) told->SendFileNotify();
 }
 

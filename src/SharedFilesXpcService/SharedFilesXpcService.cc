@@ -36,7 +36,8 @@ std::size_t depthOf(const Value& entry) {
 }
 
 void setBlocked(Value::Array& list, const Value::Array& entries, const char* blocked) {
-  for (const Value& entry : entries) SharedFilesList::setValueOfEntry(list, entry, "Blocked", blocked);
+  for (const Value& entry : entries)
+    SharedFilesList::setValueOfEntry(list, entry, "Blocked", blocked);
 }
 
 }  // namespace
@@ -156,8 +157,7 @@ std::shared_ptr<ReceiveFileFromTransferHandler> SharedFilesXpcService::receiveHa
   std::lock_guard lock(mutex_);
   if (!rFTHandlerObj_) {
     rFTHandlerObj_ = std::make_shared<ReceiveFileFromTransferHandler>();
-    rFTHandlerObj_->setDelegate(
-        std::weak_ptr<ReceiveFileFromTransferDelegate>(shared_from_this()));
+    rFTHandlerObj_->setDelegate(std::weak_ptr<ReceiveFileFromTransferDelegate>(shared_from_this()));
   }
   return rFTHandlerObj_;
 }
@@ -175,8 +175,10 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
     // blocked, wherever it lies; the folder states unblock the shared ones.
     for (const Value& root : SharedFilesList::filter(list, rootsOf, {mapId, Value("0")})) {
       const std::size_t depth = depthOf(root);
-      for (const Value& entry : SharedFilesList::filter(list, "(UserComputerMapID == %@)", {mapId})) {
-        if (depthOf(entry) == depth + 1) SharedFilesList::setValueOfEntry(list, entry, "Blocked", "1");
+      for (const Value& entry :
+           SharedFilesList::filter(list, "(UserComputerMapID == %@)", {mapId})) {
+        if (depthOf(entry) == depth + 1)
+          SharedFilesList::setValueOfEntry(list, entry, "Blocked", "1");
       }
     }
 

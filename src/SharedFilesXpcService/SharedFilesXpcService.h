@@ -12,10 +12,10 @@
 #include "Services/Records/GetSharedFilesTransferDataResponseData.h"
 #include "Services/Records/OwnerComputers.h"
 #include "Services/Records/SharedfoldersWithStatus.h"
-#include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
-#include "SharedFilesXpcService/SendFileToTransferHandler.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
+#include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
+#include "SharedFilesXpcService/SendFileToTransferHandler.h"
 #include "SharedFilesXpcService/SharedFilesXpcServiceProtocol.h"
 
 // The service object of one calling peer. It owns that peer's transfer cycle: a

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <map>
 #include <thread>
 
 #include "Platform/DispatchQueues.h"
@@ -46,8 +47,8 @@ class TransferCycleTest : public ::testing::Test {
     ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
     ::setenv("XDG_CONFIG_HOME", root.file("config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
     ::setenv("TMPDIR", root.file("tmp").c_str(), 1);              // NOLINT(concurrency-mt-unsafe)
-    Value::Dictionary prefs{{"computerIdKey", "C1"}, {"userIdKey", "U1"},
-                            {"tallowboxPathKey", Value(home().string())}};
+    Value::Dictionary prefs{
+        {"computerIdKey", "C1"}, {"userIdKey", "U1"}, {"tallowboxPathKey", Value(home().string())}};
     UserDefaults application("Quentara.Tallowbox");
     for (const auto& [key, value] : prefs) application.setObject(value, key);
   }
@@ -117,8 +118,8 @@ TEST_F(TransferCycleTest, QueryCarriesThisComputerAndAnEmptyReplyReturnsToIdle) 
 }
 
 TEST_F(TransferCycleTest, EachFlagStaysSetUntilItsOwnPassEnds) {
-  answer(ReferenceServer::json({{"ReturnStatus", "0"},
-                                               {"FileToTransfer", {{{"SharedFileTransferID", "1"}}}}}));
+  answer(ReferenceServer::json(
+      {{"ReturnStatus", "0"}, {"FileToTransfer", {{{"SharedFileTransferID", "1"}}}}}));
   LogCapture log;
   service->SharedFile();
   ASSERT_TRUE(log.waitFor("finished process shared"));
@@ -171,15 +172,16 @@ TEST_F(TransferCycleTest, OwnerComputerGetsItsSharedFolderBlockedFirstThenUnbloc
   ASSERT_EQ(entries.size(), 1U);
   struct stat attributes {};
   ASSERT_EQ(::lstat(shared.c_str(), &attributes), 0);
-  EXPECT_EQ(entries[0], Value(Value::Dictionary{{"OwnerFileID", "0"},
-                                                {"UserComputerMapID", "M1"},
-                                                {"FileName", Value(shared.string())},
-                                                {"IsFile", "0"},
-                                                {"MyFile", "0"},
-                                                {"SavedFileID", ""},
-                                                {"Blocked", "1"},
-                                                {"DeleteKey", "0"},
-                                                {"FileID", Value(std::to_string(attributes.st_ino))}}));
+  EXPECT_EQ(entries[0],
+            Value(Value::Dictionary{{"OwnerFileID", "0"},
+                                    {"UserComputerMapID", "M1"},
+                                    {"FileName", Value(shared.string())},
+                                    {"IsFile", "0"},
+                                    {"MyFile", "0"},
+                                    {"SavedFileID", ""},
+                                    {"Blocked", "1"},
+                                    {"DeleteKey", "0"},
+                                    {"FileID", Value(std::to_string(attributes.st_ino))}}));
 
   stepAnswered({{"ReturnStatus", "0"}, {"OwnerComputers", {ann}}});
   ASSERT_EQ(list().size(), 1U) << "nothing new is made";
@@ -195,8 +197,10 @@ TEST_F(TransferCycleTest, FirstLevelEntriesAreBlockedByDepthAndReportedFoldersUn
   // A root at depth 5 and entries of the same mapping at depth 6, one of them
   // under another folder altogether; a deeper one and another mapping's entry.
   auto entry = [](const char* owner, const char* map, const char* name, const char* blocked) {
-    return Value(Value::Dictionary{{"OwnerFileID", owner}, {"UserComputerMapID", map},
-                                   {"FileName", name}, {"Blocked", blocked}});
+    return Value(Value::Dictionary{{"OwnerFileID", owner},
+                                   {"UserComputerMapID", map},
+                                   {"FileName", name},
+                                   {"Blocked", blocked}});
   };
   SharedFilesList::store(UserDefaults::standardUserDefaults(),
                          {entry("0", "M1", "/h/Tallowbox/Ann (Shared)", "0"),
@@ -212,17 +216,18 @@ TEST_F(TransferCycleTest, FirstLevelEntriesAreBlockedByDepthAndReportedFoldersUn
   EXPECT_EQ(text(entries[3], "Blocked"), "0");
   EXPECT_EQ(text(entries[4], "Blocked"), "0");
 
-  stepAnswered({{"OwnerComputers", {{{"UserComputerMapID", "M1"}, {"Status", "1"}}}},
-                {"SharedfoldersWithStatus",
-                 {{{"FileID", "F1"}, {"SharedStatus", "1"}}, {{"FileID", "F2"}, {"SharedStatus", "0"}}}}});
+  stepAnswered(
+      {{"OwnerComputers", {{{"UserComputerMapID", "M1"}, {"Status", "1"}}}},
+       {"SharedfoldersWithStatus",
+        {{{"FileID", "F1"}, {"SharedStatus", "1"}}, {{"FileID", "F2"}, {"SharedStatus", "0"}}}}});
   entries = list();
   EXPECT_EQ(text(entries[1], "Blocked"), "0") << "reported shared";
   EXPECT_EQ(text(entries[2], "Blocked"), "1") << "reported not shared";
 }
 
 TEST_F(TransferCycleTest, MalformedOwnersAndFoldersNeverEndTheCycleOrWriteOutside) {
-  stepAnswered({{"OwnerComputers",
-                 {{{"UserComputerMapID", "M1"}, {"Status", {{"not", "a status"}}}}}}});
+  stepAnswered(
+      {{"OwnerComputers", {{{"UserComputerMapID", "M1"}, {"Status", {{"not", "a status"}}}}}}});
   EXPECT_FALSE(service->sendLock()) << "the owner pass failed; the cycle went on";
   EXPECT_TRUE(list().empty());
 
@@ -243,6 +248,31 @@ TEST_F(TransferCycleTest, MalformedOwnersAndFoldersNeverEndTheCycleOrWriteOutsid
   ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }))
       << "a list of the wrong kind is an undecodable reply";
   EXPECT_FALSE(log.contains("owner finished 0"));
+}
+
+TEST_F(TransferCycleTest, ErrorReportsNameTheirFixedClassAndMethodAndThisComputer) {
+  service->logErrorMethod(std::runtime_error("disk full"));
+  SendFileToTransferHandler().logErrorMethod(std::runtime_error(""));
+  ReceiveFileFromTransferHandler().logErrorMethod(std::runtime_error("no file number"));
+  const char* log = "MAC/ErrorLog.svc/LogError";
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(log).size() == 3; }));
+  std::map<std::string, json> byClass;
+  for (const auto& request : server.requestsFor(log)) {
+    json body = json::parse(request.body);
+    byClass[body.value("ErrorClass", "")] = body;
+  }
+  EXPECT_EQ(byClass["SharedFilesXpcService"], json({{"ErrorClass", "SharedFilesXpcService"},
+                                                    {"ErrorMethod", "URLSession"},
+                                                    {"ErrorMessage", "disk full"},
+                                                    {"ComputerID", "C1"},
+                                                    {"UserID", "U1"}}));
+  EXPECT_EQ(byClass["SendFileToTransferHandler"], json({{"ErrorClass", "SendFileToTransferHandler"},
+                                                        {"ErrorMethod", "FileToTransferMethod"},
+                                                        {"ComputerID", "C1"},
+                                                        {"UserID", "U1"}}))
+      << "no reason: no message";
+  EXPECT_EQ(byClass["ReceiveFileFromTransferHandler"]["ErrorMethod"], "URLSession");
+  EXPECT_EQ(service->iAppsPrefs().at("computerIdKey"), Value("C1")) << "a fresh snapshot";
 }
 
 }  // namespace

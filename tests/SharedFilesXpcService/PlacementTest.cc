@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "Platform/PathNames.h"
+#include "Platform/UserDefaults.h"
+#include "Platform/ValueError.h"
+#include "Services/ServicesUtilities.h"
+#include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
+#include "SharedFilesXpcService/SharedFilesList.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryFolder.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string contents(const fs::path& path) {
+  std::ifstream in(path);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST(PathNamesTest, ComponentsAndExtensionsFollowThePlatformRules) {
+  EXPECT_EQ(PathNames::lastPathComponent("/a/b.txt/"), "b.txt");
+  EXPECT_EQ(PathNames::stringByDeletingLastPathComponent("/a/b.txt"), "/a");
+  EXPECT_EQ(PathNames::stringByDeletingLastPathComponent("/a"), "/");
+  EXPECT_EQ(PathNames::pathExtension("/a/x.tar.gz"), "gz");
+  EXPECT_EQ(PathNames::pathExtension("/a/.profile"), "");
+  EXPECT_EQ(PathNames::stringByDeletingPathExtension("/a/x.tar.gz"), "/a/x.tar");
+  EXPECT_EQ(PathNames::stringByAppendingPathComponent("/a/", "/b"), "/a/b");
+}
+
+TEST(PlacementTest, TakenFileIsCopiedToTheFirstFreeNumberedNameBesideIt) {
+  TemporaryFolder folder;
+  std::ofstream(folder.file("x.txt")) << "original";
+  std::ofstream(folder.file("x 1.txt")) << "older copy";
+  EXPECT_EQ(ServicesUtilities::checkDuplicateAndCreate(folder.file("free.txt"), "unused"),
+            folder.file("free.txt"));
+  EXPECT_FALSE(fs::exists(folder.file("free.txt")));
+
+  std::string placed = ServicesUtilities::checkDuplicateAndCreate(folder.file("x.txt"), "unused");
+  EXPECT_EQ(placed, folder.file("x 2.txt"));
+  EXPECT_EQ(contents(placed), "original") << "the existing item is duplicated";
+  EXPECT_EQ(contents(folder.file("x.txt")), "original");
+  EXPECT_EQ(contents(folder.file("x 1.txt")), "older copy");
+
+  fs::create_directories(folder.path() / "Photos.album" / "inner");
+  std::ofstream(folder.path() / "Photos.album" / "inner" / "p.jpg") << "jpg";
+  placed = ServicesUtilities::checkDuplicateAndCreate(folder.file("Photos.album"), "unused");
+  EXPECT_EQ(placed, folder.file("Photos 1")) << "a folder's name loses its extension";
+  EXPECT_EQ(contents(fs::path(placed) / "inner" / "p.jpg"), "jpg");
+}
+
+class ReceiveHandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("XDG_CONFIG_HOME", config.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  }
+  TemporaryFolder config;
+  TemporaryFolder folder;
+};
+
+TEST_F(ReceiveHandlerTest, MovedItemGetsANumberedNameInTheGivenFolderWithoutExtension) {
+  ReceiveFileFromTransferHandler handler;
+  fs::create_directories(folder.path() / "dir");
+  fs::create_directories(folder.path() / "top");
+  std::ofstream(folder.path() / "dir" / "x.txt") << "x";
+  std::ofstream(folder.path() / "top" / "x 1") << "taken";
+  LogCapture log;
+  EXPECT_EQ(handler.checkDuplicateAndCreate(folder.file("dir/x.txt"), folder.file("top")),
+            folder.file("top/x 2"));
+  EXPECT_TRUE(log.contains("----------------------"));
+  EXPECT_FALSE(fs::exists(folder.file("top/x 2"))) << "nothing is copied";
+  EXPECT_EQ(handler.checkDuplicateAndCreate(folder.file("dir/y.txt"), folder.file("top")),
+            folder.file("dir/y.txt"));
+}
+
+TEST_F(ReceiveHandlerTest, ReceivedEntryIsAppendedAndItsFileNumberRecordedLater) {
+  ReceiveFileFromTransferHandler handler;
+  RecFileFromTransfer file;
+  file.ownerFileId = "501";
+  file.userComputerId = "77";
+  file.isFile = "1";
+  file.savedFileId = 9;
+  std::string path = folder.file("plan.txt");
+  handler.savePreFerences(file, path);
+  std::ofstream(path) << "plan";
+  handler.updateFileID(path);
+
+  Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  ASSERT_EQ(list.size(), 1U);
+  struct stat attributes {};
+  ASSERT_EQ(::lstat(path.c_str(), &attributes), 0);
+  EXPECT_EQ(list[0], Value(Value::Dictionary{{"OwnerFileID", "501"},
+                                             {"UserComputerMapID", "77"},
+                                             {"FileName", Value(path)},
+                                             {"IsFile", "1"},
+                                             {"MyFile", "0"},
+                                             {"Blocked", "0"},
+                                             {"DeleteKey", "0"},
+                                             {"SavedFileID", Value::integer(9)},
+                                             {"FileID", Value(std::to_string(attributes.st_ino))}}));
+  EXPECT_EQ(handler.sharedFilesDefaultsArray(), list);
+
+  EXPECT_THROW(handler.updateFileID(folder.file("missing.txt")), std::system_error);
+  file.savedFileId.reset();
+  EXPECT_THROW(handler.savePreFerences(file, path), ValueError) << "an absent value";
+  file.savedFileId = nullptr;
+  EXPECT_THROW(handler.savePreFerences(file, path), ValueError) << "null has no place in a list";
+  EXPECT_EQ(SharedFilesList::load(UserDefaults::standardUserDefaults()).size(), 1U);
+}
+
+TEST_F(ReceiveHandlerTest, ClearTempEmptiesOnlyTheNamedDownloadFolder) {
+  ::setenv("TMPDIR", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  fs::create_directories(folder.path() / "TallowboxTemp" / "88" / "part");
+  std::ofstream(folder.path() / "TallowboxTemp" / "88" / "a.bin") << "a";
+  std::ofstream(folder.path() / "TallowboxTemp" / "keep.bin") << "k";
+  ReceiveFileFromTransferHandler handler;
+  handler.clearTemp("/anything/TallowboxTemp/88/a.bin");
+  EXPECT_TRUE(fs::is_empty(folder.path() / "TallowboxTemp" / "88"));
+  EXPECT_TRUE(fs::exists(folder.path() / "TallowboxTemp" / "keep.bin"));
+  EXPECT_THROW(handler.clearTemp("/no/download/folder"), std::runtime_error);
+  EXPECT_THROW(handler.clearTemp("/x/TallowboxTemp/../.."), std::runtime_error);
+  EXPECT_TRUE(fs::exists(folder.path() / "TallowboxTemp" / "keep.bin"));
+  ::unsetenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
+}
+
+}  // namespace
