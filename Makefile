@@ -1,5 +1,6 @@
-# The two commands: `make test` (install what is missing, build, run every test)
-# and `make build`. See README.md.
+# The commands: `make demo` (install what is missing, build, and tell the story of
+# one shared folder), `make test` (build and run every test) and `make build`.
+# See README.md.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
@@ -10,7 +11,7 @@ CMAKE_ARGS ?=
 
 SOURCES = $(shell git ls-files '*.h' '*.cc' 2>/dev/null)
 
-.PHONY: all deps build test test-plain test-asan test-tsan fuzz format format-check tidy install clean
+.PHONY: all deps build demo test test-plain test-asan test-tsan fuzz format format-check tidy install clean
 
 all: build
 
@@ -22,6 +23,9 @@ $(BUILD)/CMakeCache.txt: | deps
 
 build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
+
+demo: build
+	scripts/demo $(BUILD)
 
 # Everything CI checks: formatting, the plain build with every test, the whole
 # suite again under AddressSanitizer + UndefinedBehaviorSanitizer, the tests that

@@ -93,15 +93,16 @@ TEST_F(ReceiveHandlerTest, ReceivedEntryIsAppendedAndItsFileNumberRecordedLater)
   ASSERT_EQ(list.size(), 1U);
   struct stat attributes {};
   ASSERT_EQ(::lstat(path.c_str(), &attributes), 0);
-  EXPECT_EQ(list[0], Value(Value::Dictionary{{"OwnerFileID", "501"},
-                                             {"UserComputerMapID", "77"},
-                                             {"FileName", Value(path)},
-                                             {"IsFile", "1"},
-                                             {"MyFile", "0"},
-                                             {"Blocked", "0"},
-                                             {"DeleteKey", "0"},
-                                             {"SavedFileID", Value::integer(9)},
-                                             {"FileID", Value(std::to_string(attributes.st_ino))}}));
+  EXPECT_EQ(list[0],
+            Value(Value::Dictionary{{"OwnerFileID", "501"},
+                                    {"UserComputerMapID", "77"},
+                                    {"FileName", Value(path)},
+                                    {"IsFile", "1"},
+                                    {"MyFile", "0"},
+                                    {"Blocked", "0"},
+                                    {"DeleteKey", "0"},
+                                    {"SavedFileID", Value::integer(9)},
+                                    {"FileID", Value(std::to_string(attributes.st_ino))}}));
   EXPECT_EQ(handler.sharedFilesDefaultsArray(), list);
 
   EXPECT_THROW(handler.updateFileID(folder.file("missing.txt")), std::system_error);

@@ -94,10 +94,15 @@ void ReferenceServer::clearRequests() {
   requests_.clear();
 }
 
-ReferenceServer::Reply ReferenceServer::nextReply(const std::string& operation) {
-  std::lock_guard lock(mutex_);
+ReferenceServer::Reply ReferenceServer::nextReply(const std::string& operation,
+                                                  const std::string& body) {
+  std::unique_lock lock(mutex_);
   auto it = scripts_.find(operation);
-  if (it == scripts_.end() || it->second.empty()) return Reply{};
+  if (it == scripts_.end() || it->second.empty()) {
+    lock.unlock();
+    std::optional<nlohmann::json> answer = state_.answer(operation, body);
+    return answer ? json(*answer) : Reply{};
+  }
   std::vector<Reply>& replies = it->second;
   Reply reply = replies.front();
   if (replies.size() > 1 && (reply.times <= 1 || --replies.front().times == 0)) {
@@ -115,6 +120,20 @@ void ReferenceServer::install() {
   // One request per connection, so that stopping never waits on idle clients.
   server_->set_keep_alive_max_count(1);
   server_->set_payload_max_length(1ULL << 32);
+  server_->Get("/admin/state", [this](const httplib::Request&, httplib::Response& response) {
+    response.set_content(state_.snapshot().dump(2), "application/json");
+  });
+  server_->Post("/admin/state",
+                [this](const httplib::Request& request, httplib::Response& response) {
+                  nlohmann::json patch = nlohmann::json::parse(request.body, nullptr, false);
+                  if (patch.is_discarded()) {
+                    response.status = 400;
+                    response.set_content("not JSON\n", "text/plain");
+                    return;
+                  }
+                  state_.merge(patch);
+                  response.set_content(state_.snapshot().dump(2), "application/json");
+                });
   server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,
                                                         httplib::Response& response) {
     Request recorded{request.method, request.matches[1].str(),
@@ -123,7 +142,7 @@ void ReferenceServer::install() {
       std::lock_guard lock(mutex_);
       requests_.push_back(recorded);
     }
-    Reply reply = nextReply(recorded.operation);
+    Reply reply = nextReply(recorded.operation, recorded.body);
     if (reply.delay.count() > 0 && !pause(reply.delay)) return;
     response.status = reply.status;
     auto body = std::make_shared<std::string>(std::move(reply.body));

@@ -14,14 +14,18 @@
 #include <nlohmann/json.hpp>
 
 #include "HeaderOrderRelay.h"
+#include "ServerState.h"
 
 namespace httplib {
 class Server;
 }
 
 // The reference server of the Tallowbox REST service, for tests, the demo and
-// benchmarks. It answers POSTs to any operation below "/TallowboxRestService/".
-// Each operation's reply can be scripted; every request is recorded.
+// benchmarks. It answers POSTs to any operation below "/TallowboxRestService/":
+// with the operation's scripted reply when there is one, else from its state
+// (pending work per computer, the error log), else {"ReturnStatus":"0"}. Every
+// request is recorded. Below "/admin/": GET "state" shows the state and POST
+// "state" merges a JSON merge patch into it.
 class ReferenceServer {
  public:
   // One scripted reply.
@@ -69,18 +73,22 @@ class ReferenceServer {
   void script(const std::string& operation, Reply reply);
   void clearScripts();
 
+  ServerState& state() { return state_; }
+
   std::vector<Request> requests() const;
   std::vector<Request> requestsFor(const std::string& operation) const;
   void clearRequests();
 
  private:
   void install();
-  Reply nextReply(const std::string& operation);
+  // The scripted reply, or the state's answer, or the default reply.
+  Reply nextReply(const std::string& operation, const std::string& body);
   // Sleeps up to `duration`; false when the server is stopping.
   bool pause(std::chrono::milliseconds duration);
 
   std::unique_ptr<httplib::Server> server_;
   HeaderOrderRelay relay_;
+  ServerState state_;
   std::thread thread_;
   std::string host_ = "127.0.0.1";
   int port_ = 0;

@@ -1,20 +1,25 @@
 // tallowbox-server: the reference server on loopback, for the demo and benchmarks.
+//   tallowbox-server [--host H] [--port N (0: any free port)] [--scenario file.json]
 // Prints its base URL, then serves until SIGTERM or SIGINT.
 #include <pthread.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <sstream>
 
 #include "ReferenceServer.h"
 
 int main(int argc, char** argv) {
   std::string host = "127.0.0.1";
   int port = 8642;
+  std::string scenario;
   for (int i = 1; i + 1 < argc; i += 2) {
     if (std::strcmp(argv[i], "--host") == 0) host = argv[i + 1];
     if (std::strcmp(argv[i], "--port") == 0) port = std::atoi(argv[i + 1]);
+    if (std::strcmp(argv[i], "--scenario") == 0) scenario = argv[i + 1];
   }
   // Signals are taken by sigwait below, not by the server's threads.
   sigset_t signals;
@@ -25,6 +30,13 @@ int main(int argc, char** argv) {
 
   ReferenceServer server;
   try {
+    if (!scenario.empty()) {
+      std::ifstream file(scenario);
+      if (!file) throw std::runtime_error("cannot read " + scenario);
+      std::stringstream text;
+      text << file.rdbuf();
+      server.state().load(text.str());
+    }
     server.start(host, port);
   } catch (const std::exception& e) {
     std::cerr << "tallowbox-server: " << e.what() << "\n";
