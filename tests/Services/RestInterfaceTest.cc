@@ -22,21 +22,17 @@ namespace {
 
 // A record with every property any request builder reads; in the full pass each
 // holds "q-<property>".
-#define EVERY_QUERY_PROPERTY(X)                                                                    \
-  X(mailId)                                                                                        \
-  X(passWord)                                                                                      \
-  X(firstName)                                                                                     \
-  X(lastName)                                                                                      \
-  X(nickName) X(userId) X(tallowboxPath) X(computerId) X(toComputerId) X(fileUploadId) X(fileName) \
-      X(serverPath) X(transitUploadPath) X(fromComputerID) X(filePath) X(fileRequestId)            \
-          X(transitDownloadPath) X(attachment) X(dateTime) X(versionNumber) X(allFiles)            \
-              X(computerID) X(fullPathFromFileTable) X(ChangeType) X(SharedFileTransferID)         \
-                  X(FullPathFromFileTable) X(ToCloud) X(IsFile) X(ToComputerID) X(NewFullPath)     \
-                      X(OwnerFileID) X(FromComputerID) X(TallowboxPath) X(FileNameToSend)          \
-                          X(Length) X(fullPath) X(fileID) X(userComputerID) X(oldFullPath)         \
-                              X(isFile) X(baseSystemFileID) X(prevFolderFileID) X(changeType)      \
-                                  X(StrXMLFileID) X(sharedFileTransferID) X(deleteRequestID)       \
-                                      X(fileSize) X(fileModifiedDate)
+// clang-format off
+#define EVERY_QUERY_PROPERTY(X) \
+  X(mailId) X(passWord) X(firstName) X(lastName) X(nickName) X(userId) \
+  X(tallowboxPath) X(computerId) X(toComputerId) X(fileUploadId) X(fileName) X(serverPath) \
+  X(transitUploadPath) X(fromComputerID) X(filePath) X(fileRequestId) X(transitDownloadPath) X(attachment) \
+  X(dateTime) X(versionNumber) X(allFiles) X(computerID) X(fullPathFromFileTable) X(ChangeType) \
+  X(SharedFileTransferID) X(FullPathFromFileTable) X(ToCloud) X(IsFile) X(ToComputerID) X(NewFullPath) \
+  X(OwnerFileID) X(FromComputerID) X(TallowboxPath) X(FileNameToSend) X(Length) X(fullPath) \
+  X(fileID) X(userComputerID) X(oldFullPath) X(isFile) X(baseSystemFileID) X(prevFolderFileID) \
+  X(changeType) X(StrXMLFileID) X(sharedFileTransferID) X(deleteRequestID) X(fileSize) X(fileModifiedDate)
+// clang-format on
 
 struct AnyQuery {
 #define DECLARE(name) WireValue name;
