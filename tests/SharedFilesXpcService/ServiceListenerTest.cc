@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "ReferenceServer.h"
 #include "SharedFilesXpcService/ServiceDelegate.h"
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
+#include "support/FixedReachability.h"
 #include "support/ManualScheduler.h"
 #include "support/PrivateBus.h"
 #include "support/TemporaryFolder.h"
@@ -14,12 +16,20 @@ namespace {
 class ServiceListenerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    // The server refuses every query, so a querying cycle stays stalled.
+    server.script("MAC/SharedFiles.svc/GetSharedFilesTransferData",
+                  ReferenceServer::json({{"ReturnStatus", "1"}}));
+    server.start();
+    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);        // NOLINT(concurrency-mt-unsafe)
     bus.makeSessionBus();
     listener.setDelegate(&delegate);
     listener.resumeInBackground();
   }
-  void TearDown() override { listener.stop(); }
+  void TearDown() override {
+    listener.stop();
+    Reachability::setFlagsSourceForTesting(nullptr);
+  }
 
   struct Peer {
     std::unique_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();
@@ -37,6 +47,8 @@ class ServiceListenerTest : public ::testing::Test {
     return dynamic_cast<SharedFilesXpcService&>(*connection->exportedObject());
   }
 
+  std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
+  ReferenceServer server;
   TemporaryFolder folder;
   PrivateBus bus{folder.path().string()};
   ManualScheduler scheduler;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -9,13 +10,14 @@
 
 #include "Platform/Log.h"
 
-// Keeps every log line written while it lives.
+// Keeps every log line written while it lives. A line another thread is writing
+// as the capture ends goes to the capture's own state, which outlives it.
 class LogCapture {
  public:
   LogCapture() {
-    Log::setCapture([this](const std::string& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
+    Log::setCapture([state = state_](const std::string& line) {
+      std::lock_guard lock(state->mutex);
+      state->lines.push_back(line);
     });
   }
   ~LogCapture() { Log::setCapture(nullptr); }
@@ -23,8 +25,8 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
+    std::lock_guard lock(state_->mutex);
+    return state_->lines;
   }
   bool contains(const std::string& line) const {
     auto all = lines();
@@ -44,6 +46,9 @@ class LogCapture {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  struct State {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
