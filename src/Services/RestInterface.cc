@@ -1,5 +1,6 @@
 #include "Services/RestInterface.h"
 
+#include <array>
 #include <cstdio>
 
 #include "Platform/Log.h"
@@ -17,6 +18,20 @@ std::string describeTransport(const char* className, const Transport* transport)
   return text.data();
 }
 
+// Starts the JSON exchange on `transport`; `finished` also gets how a log line
+// shows the transport.
+template <class Transport>
+void startOn(const std::shared_ptr<Transport>& transport, const char* className,
+             const std::string& path, const QueryParser::Body& body,
+             RestInterface::ExchangeFinished finished) {
+  std::string shown = describeTransport(className, transport.get());
+  transport->startAsyncTask(
+      path, body, nullptr,
+      [shown, finished = std::move(finished)](const ConnectorResult& result, int status) {
+        finished(shown, result, status);
+      });
+}
+
 }  // namespace
 
 bool RestInterface::isLessThan10_10() { return ServicesUtilities::isLessThan10_10(); }
@@ -29,11 +44,11 @@ void RestInterface::logBody(const char* prefix, const Body& body) {
 }
 
 void RestInterface::startJsonExchange(const std::string& path, const Body& body,
-                                      RestConnector::Finished finished) {
+                                      ExchangeFinished finished) {
   if (isLessThan10_10()) {
-    RestConnector_Old::create()->startAsyncTask(path, body, nullptr, std::move(finished));
+    startOn(RestConnector_Old::create(), "RestConnector_Old", path, body, std::move(finished));
   } else {
-    RestConnector::create()->startAsyncTask(path, body, nullptr, std::move(finished));
+    startOn(RestConnector::create(), "RestConnector", path, body, std::move(finished));
   }
 }
 
@@ -108,30 +123,16 @@ void RestInterface::asyncIsFileExistsInCloud(
     CompletionHandler<IsFileExistsInCloudResponseData> withCompiletionHandler) {
   Body body = QueryParser::parseIsFileExistsInCloudQuery(query);
   logBody("data in could query...", body);
-  // The handler holds the transport until the reply has been handled.
-  auto report = [completion = std::move(withCompiletionHandler)](
-                    const std::string& transport, const ConnectorResult& result, int status) {
-    Log::line("rest connector at cloud ...." + transport);
-    auto [outcome, code] = interpret<IsFileExistsInCloudResponseData>(
-        result, status, &DataParser::parseIsFileExistsInCloudResponseData);
-    completion(outcome, code);
-    Log::line(code != ConnectorStatusSuccess ? "trace code error..........."
-                                             : "trace code sucesss.........");
-  };
-  const char* path = "MAC/SharedFiles.svc/IsFileExistsInCloud";
-  if (isLessThan10_10()) {
-    auto transport = RestConnector_Old::create();
-    transport->startAsyncTask(
-        path, body, nullptr, [transport, report](const ConnectorResult& result, int status) {
-          report(describeTransport("RestConnector_Old", transport.get()), result, status);
-        });
-  } else {
-    auto transport = RestConnector::create();
-    transport->startAsyncTask(
-        path, body, nullptr, [transport, report](const ConnectorResult& result, int status) {
-          report(describeTransport("RestConnector", transport.get()), result, status);
-        });
-  }
+  startJsonExchange("MAC/SharedFiles.svc/IsFileExistsInCloud", body,
+                    [completion = std::move(withCompiletionHandler)](
+                        const std::string& transport, const ConnectorResult& result, int status) {
+                      Log::line("rest connector at cloud ...." + transport);
+                      auto [outcome, code] = interpret<IsFileExistsInCloudResponseData>(
+                          result, status, &DataParser::parseIsFileExistsInCloudResponseData);
+                      completion(outcome, code);
+                      Log::line(code != ConnectorStatusSuccess ? "trace code error..........."
+                                                               : "trace code sucesss.........");
+                    });
 }
 
 void RestInterface::asyncUpdateFileReceived(

@@ -40,6 +40,10 @@ class RestInterface {
   using CompletionHandler = std::function<void(const OperationResult<Record>& result, int status)>;
   // The raw-answer operation: the response and the answer's bytes, unparsed.
   using StreamCompletionHandler = RestConnector::FinishedWithResponse;
+  // A JSON exchange's report: the transport as a log line shows it, the result
+  // object and the status.
+  using ExchangeFinished =
+      std::function<void(const std::string& transport, const ConnectorResult& result, int status)>;
 
   // Whether this host uses the legacy transport (AppKit 1138 to 1342).
   static bool isLessThan10_10();
@@ -326,9 +330,11 @@ class RestInterface {
 
   // Logs `prefix` followed by `body`, when there is a prefix.
   static void logBody(const char* prefix, const Body& body);
-  // Sends `body` to `path` on a new transport of this host's kind.
+  // Sends `body` to `path` on a new transport of this host's kind; `finished` gets
+  // how a log line shows that transport, the result object and the status. The
+  // transport keeps itself alive until it has reported.
   static void startJsonExchange(const std::string& path, const Body& body,
-                                RestConnector::Finished finished);
+                                ExchangeFinished finished);
   static void startRawAnswer(const std::string& path, const Body& body,
                              StreamCompletionHandler completion);
   static void startUpload(const Body& body,
@@ -356,7 +362,8 @@ class RestInterface {
     logBody(logPrefix, body);
     startJsonExchange(
         path, body,
-        [parse, completion = std::move(completion)](const ConnectorResult& result, int status) {
+        [parse, completion = std::move(completion)](const std::string& /*transport*/,
+                                                    const ConnectorResult& result, int status) {
           auto [outcome, code] = interpret<Record>(result, status, parse);
           completion(outcome, code);
         });

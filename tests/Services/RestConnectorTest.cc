@@ -13,6 +13,7 @@
 #include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
+#include "support/MainQueue.h"
 #include "support/TemporaryFolder.h"
 
 using namespace std::chrono_literals;
@@ -158,9 +159,7 @@ TEST_F(RestConnectorTest, UnknownPlatformErrorNeverCallsFinished) {
   connector->startAsyncTask("Any", RestConnector::Params::object(), nullptr,
                             [&](const ConnectorResult&, int) { called = true; });
   EXPECT_TRUE(log.waitFor("error code at rest connector strt async task......"));
-  std::promise<void> drained;
-  DispatchQueues::shared().dispatchMain([&] { drained.set_value(); });
-  drained.get_future().wait();
+  drainMainQueue();
   EXPECT_FALSE(called);
 }
 

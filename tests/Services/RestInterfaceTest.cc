@@ -12,6 +12,7 @@
 #include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
+#include "support/MainQueue.h"
 #include "support/TemporaryFolder.h"
 
 using namespace std::chrono_literals;
@@ -494,13 +495,6 @@ TEST_F(RestInterfaceTest, AbsentPropertiesAreLeftOutOfTheBodyAndAbsentKeysLeaveF
     ASSERT_TRUE(outcome.fields);
     for (const auto& [key, value] : *outcome.fields) EXPECT_FALSE(value) << key;
   }
-}
-
-// Waits until the main queue has run everything queued before this call.
-void drainMainQueue() {
-  std::promise<void> drained;
-  DispatchQueues::shared().dispatchMain([&] { drained.set_value(); });
-  drained.get_future().wait();
 }
 
 struct SyncChange {

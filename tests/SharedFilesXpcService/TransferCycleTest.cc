@@ -14,6 +14,7 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
+#include "support/MainQueue.h"
 #include "support/ManualScheduler.h"
 #include "support/TemporaryFolder.h"
 
@@ -28,12 +29,6 @@ constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
 bool waitUntil(const std::function<bool()>& condition) {
   for (int i = 0; i < 1000 && !condition(); ++i) std::this_thread::sleep_for(5ms);
   return condition();
-}
-
-void drainMainQueue() {
-  std::promise<void> drained;
-  DispatchQueues::shared().dispatchMain([&] { drained.set_value(); });
-  drained.get_future().wait();
 }
 
 // The service with its own preference, home and temporary folders, and a
