@@ -46,7 +46,7 @@ test-asan: deps
 test-tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALLOWBOX_WERROR=ON \
 	  -DTALLOWBOX_SANITIZE=thread $(CMAKE_ARGS)
-	cmake --build $(TSAN_BUILD) -j$(JOBS) --target queue_tests transport_tests
+	cmake --build $(TSAN_BUILD) -j$(JOBS) --target queue_tests transport_tests process_tests
 	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	  ctest --output-on-failure -j$(JOBS) -L queues
 

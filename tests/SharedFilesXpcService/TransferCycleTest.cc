@@ -17,6 +17,7 @@
 #include "support/MainQueue.h"
 #include "support/ManualScheduler.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 using namespace std::chrono_literals;
 using nlohmann::json;
@@ -25,11 +26,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
-
-bool waitUntil(const std::function<bool()>& condition) {
-  for (int i = 0; i < 1000 && !condition(); ++i) std::this_thread::sleep_for(5ms);
-  return condition();
-}
 
 // The service with its own preference, home and temporary folders, and a
 // reference server answering its queries.
@@ -230,6 +226,16 @@ TEST_F(TransferCycleTest, MalformedOwnersAndFoldersNeverEndTheCycleOrWriteOutsid
                  {{{"UserComputerMapID", "M2"}, {"Status", "1"}, {"NickName", "../../escape"}}}}});
   EXPECT_FALSE(fs::exists(root.path() / "escape (Shared)"));
   EXPECT_FALSE(fs::exists(home() / "escape (Shared)"));
+  EXPECT_TRUE(list().empty()) << "the refused pass stored nothing";
+
+  // A link already in the product folder that points out of it.
+  fs::create_directories(root.path() / "outside");
+  fs::create_directories(product());
+  fs::create_directory_symlink(root.path() / "outside", product() / "Eve (Shared)");
+  stepAnswered(
+      {{"OwnerComputers", {{{"UserComputerMapID", "M2"}, {"Status", "1"}, {"NickName", "Eve"}}}}});
+  EXPECT_TRUE(fs::is_empty(root.path() / "outside"));
+  EXPECT_FALSE(fs::exists(product() / "Eve (Shared) 1"));
   EXPECT_TRUE(list().empty()) << "the refused pass stored nothing";
 
   stepAnswered({{"OwnerComputers", {{{"UserComputerMapID", "M3"}, {"Status", 1}, {"NickName", 7}}}},

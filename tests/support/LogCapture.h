@@ -5,10 +5,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Platform/Log.h"
+#include "support/WaitUntil.h"
 
 // Keeps every log line written while it lives. A line another thread is writing
 // as the capture ends goes to the capture's own state, which outlives it.
@@ -34,10 +34,7 @@ class LogCapture {
   }
   // Waits up to five seconds for `line` to be logged.
   bool waitFor(const std::string& line) const {
-    for (int i = 0; i < 500 && !contains(line); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return contains(line);
+    return waitUntil([&] { return contains(line); }, std::chrono::seconds(5));
   }
   bool containsPrefix(const std::string& prefix) const {
     auto all = lines();

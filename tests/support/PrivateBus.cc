@@ -27,8 +27,9 @@ PrivateBus::PrivateBus(const std::string& configFolder, const std::string& servi
   if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], 3);
+  // The read end goes first: it may be descriptor 3 itself.
   posix_spawn_file_actions_addclose(&actions, fds[0]);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], 3);
   std::string configArg = "--config-file=" + config;
   std::vector<char*> argv = {const_cast<char*>("dbus-daemon"), configArg.data(),
                              const_cast<char*>("--nofork"), const_cast<char*>("--print-address=3"),

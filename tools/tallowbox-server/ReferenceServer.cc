@@ -137,7 +137,8 @@ void ReferenceServer::install() {
   server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,
                                                         httplib::Response& response) {
     Request recorded{request.method, request.matches[1].str(),
-                     relay_.takeHeaders(request.remote_port), request.body};
+                     relay_.takeHeaders(request.remote_port), request.body,
+                     std::chrono::steady_clock::now()};
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(recorded);

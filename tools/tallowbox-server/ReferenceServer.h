@@ -52,6 +52,7 @@ class ReferenceServer {
     std::string operation;  // the path below "/TallowboxRestService/"
     std::vector<std::pair<std::string, std::string>> headers;  // in wire order
     std::string body;
+    std::chrono::steady_clock::time_point at;           // when it arrived
     std::string header(const std::string& name) const;  // first value, "" when absent
   };
 

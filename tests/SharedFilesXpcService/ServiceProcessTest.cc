@@ -1,0 +1,186 @@
+// The service program as it runs for a user: its own process on a private
+// session bus, called with dbus-send, talking to the reference server over
+// loopback. What it did is read from the server's request log and from the
+// preference files it keeps.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "Platform/UserDefaults.h"
+#include "ReferenceServer.h"
+#include "SharedFilesXpcService/SharedFilesList.h"
+#include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
+#include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
+constexpr auto kPeriod = 250ms;
+
+class ServiceProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(home());
+    fs::create_directories(root.path() / "tmp");
+    fs::create_directories(root.path() / "config");
+    server.start();
+    // This process reads and seeds the same preference files as the service.
+    ::setenv("XDG_CONFIG_HOME", root.file("config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    UserDefaults application("Quentara.Tallowbox");
+    application.setObject("C1", "computerIdKey");
+    application.setObject("U1", "userIdKey");
+    application.setObject(Value(home().string()), "tallowboxPathKey");
+  }
+
+  void startService() {
+    service =
+        std::make_unique<ChildProcess>(std::vector<std::string>{SERVICE_PROGRAM, "--log-stderr"},
+                                       settings(), root.file("service.log"));
+  }
+  std::vector<std::string> settings() const {
+    return {"DBUS_SESSION_BUS_ADDRESS=" + bus.address(), "TALLOWBOX_BASE_URL=" + server.baseURL(),
+            "XDG_CONFIG_HOME=" + root.file("config"), "TMPDIR=" + root.file("tmp"),
+            "TALLOWBOX_TEST_CYCLE_PERIOD_MS=250"};
+  }
+  // Calls SharedFile as the application does, once the service is on the bus.
+  void sharedFile() {
+    const std::vector<std::string> call = {"dbus-send",
+                                           "--session",
+                                           "--print-reply",
+                                           "--dest=Quentara.SharedFilesXpcService",
+                                           "--type=method_call",
+                                           "/Quentara/SharedFilesXpcService",
+                                           "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
+    ASSERT_TRUE(waitUntil([&] { return ChildProcess::run(call, settings()) == 0; }))
+        << "SharedFile was not answered";
+  }
+
+  std::size_t queries() const { return server.requestsFor(kQuery).size(); }
+  bool queriedAtLeast(std::size_t count) {
+    return waitUntil([&] { return queries() >= count; });
+  }
+
+  fs::path home() const { return root.path() / "home"; }
+  fs::path product() const { return home() / "Tallowbox"; }
+  static Value::Array list() { return SharedFilesList::load(UserDefaults::standardUserDefaults()); }
+  // The "Blocked" mark of the entry named `fileName`, or "<none>".
+  static std::string blocked(const fs::path& fileName) {
+    for (const Value& entry : list()) {
+      const Value* name = entry.objectForKey("FileName");
+      const Value* mark = entry.objectForKey("Blocked");
+      if (name != nullptr && name->string() != nullptr && *name->string() == fileName.string() &&
+          mark != nullptr && mark->string() != nullptr) {
+        return *mark->string();
+      }
+    }
+    return "<none>";
+  }
+
+  TemporaryFolder root;
+  PrivateBus bus{root.path().string()};
+  ReferenceServer server;
+  std::unique_ptr<ChildProcess> service;
+};
+
+TEST_F(ServiceProcessTest, IdleServiceQueriesEachPeriodAndUnblocksExactlyTheSharedFolders) {
+  const std::string shared = (product() / "Ann-Laptop (Shared)").string();
+  server.state().load(R"({"computers": {"C1": {
+      "OwnerComputers": [{"NickName": "Ann-Laptop", "UserComputerMapID": "M-Ann", "Status": "1"}],
+      "SharedfoldersWithStatus": [{"FileID": "F-Docs", "SharedStatus": "1"},
+                                  {"FileID": "F-Photos", "SharedStatus": "0"}]}}})");
+  // Two first-level folders received in an earlier session.
+  auto child = [](const char* ownerFileId, const std::string& name, const char* mark) {
+    return Value(Value::Dictionary{{"OwnerFileID", ownerFileId},
+                                   {"UserComputerMapID", "M-Ann"},
+                                   {"FileName", Value(name)},
+                                   {"Blocked", mark}});
+  };
+  SharedFilesList::store(
+      UserDefaults::standardUserDefaults(),
+      {child("F-Docs", shared + "/Docs", "1"), child("F-Photos", shared + "/Photos", "0")});
+  startService();
+  sharedFile();
+
+  ASSERT_TRUE(waitUntil([&] { return fs::is_directory(shared); }));
+  ASSERT_TRUE(waitUntil([&] { return blocked(shared) == "0"; }))
+      << "the root entry is unblocked one cycle after it was made";
+  ASSERT_TRUE(waitUntil([&] { return blocked(shared + "/Docs") == "0"; }));
+  EXPECT_EQ(blocked(shared + "/Photos"), "1") << "a folder not reported shared stays blocked";
+  EXPECT_EQ(list().size(), 3U);
+
+  // Idle from now on: a query every period, each for this user and computer.
+  const std::size_t settled = queries();
+  ASSERT_TRUE(queriedAtLeast(settled + 6));
+  auto seen = server.requestsFor(kQuery);
+  for (const auto& request : seen) {
+    EXPECT_EQ(json::parse(request.body), json({{"UserID", "U1"}, {"ComputerID", "C1"}}));
+  }
+  auto first = seen[settled].at;
+  auto last = seen.back().at;
+  EXPECT_GE((last - first) / (seen.size() - settled - 1), kPeriod * 4 / 5)
+      << "one query a period, not more";
+  EXPECT_EQ(blocked(shared), "0");
+  EXPECT_EQ(blocked(shared + "/Docs"), "0");
+  EXPECT_EQ(blocked(shared + "/Photos"), "1");
+}
+
+TEST_F(ServiceProcessTest, RefusedReplyStallsUntilSharedFileAndADroppedReplyIsQueriedAgain) {
+  server.script(kQuery, ReferenceServer::json({{"ReturnStatus", "1"}}));
+  ReferenceServer::Reply dropped = ReferenceServer::json({{"ReturnStatus", "0"}});
+  dropped.dropAfter = 5;
+  server.script(kQuery, dropped);
+  server.script(kQuery, ReferenceServer::json({{"ReturnStatus", "0"}}));
+  startService();
+  sharedFile();
+  ASSERT_TRUE(queriedAtLeast(1));
+  std::this_thread::sleep_for(kPeriod * 6);
+  EXPECT_EQ(queries(), 1U) << "the timer keeps firing but nothing is queried";
+
+  sharedFile();
+  ASSERT_TRUE(queriedAtLeast(2)) << "SharedFile lets the cycle query again";
+  ASSERT_TRUE(queriedAtLeast(4)) << "a dropped reply leaves the cycle idle, querying again";
+  EXPECT_TRUE(service->running());
+}
+
+TEST_F(ServiceProcessTest, MalformedTransferDataNeverEndsTheProcess) {
+  const std::vector<json> replies = {
+      {{"OwnerComputers", "not a list"}},
+      {{"SharedfoldersWithStatus", 7}},
+      {{"FileToTransfer", {{"not", "a list"}}}},
+      {{"RecFileFromTransfer", {1, 2}}},
+      {{"ReturnStatus", {{"not", "a status"}}}},
+      {{"OwnerComputers", {{{"UserComputerMapID", "M1"}, {"Status", {{"not", "a status"}}}}}}},
+      {{"OwnerComputers", {{{"UserComputerMapID", "M2"}, {"Status", "1"}, {"NickName", 7}}}}},
+      {{"OwnerComputers",
+        {{{"UserComputerMapID", "M3"}, {"Status", "1"}, {"NickName", "../../escape"}}}}},
+      {{"SharedfoldersWithStatus", {{{"FileID", "F1"}, {"SharedStatus", {1, 2}}}}}},
+  };
+  for (const json& reply : replies) server.script(kQuery, ReferenceServer::json(reply));
+  server.script(kQuery, ReferenceServer::raw("{\"ReturnStatus\": \"0\", \"Owner", "text/json"));
+  server.script(
+      kQuery,
+      ReferenceServer::json(
+          {{"OwnerComputers",
+            {{{"UserComputerMapID", "M4"}, {"Status", "1"}, {"NickName", "Ann-Laptop"}}}}}));
+  startService();
+  sharedFile();
+
+  ASSERT_TRUE(waitUntil([&] { return blocked(product() / "Ann-Laptop (Shared)") == "1"; }))
+      << "the cycle went on to the good reply";
+  EXPECT_TRUE(service->running());
+  EXPECT_TRUE(fs::is_directory(product() / "Ann-Laptop (Shared)"));
+  EXPECT_TRUE(fs::is_directory(product() / "7 (Shared)"));
+  EXPECT_FALSE(fs::exists(root.path() / "escape (Shared)"));
+  EXPECT_FALSE(fs::exists(home() / "escape (Shared)"));
+  EXPECT_EQ(list().size(), 2U);
+}
+
+}  // namespace

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+// Polls `condition` until it holds or `limit` has passed; whether it held. The
+// condition is evaluated once per poll, so it may act (call, retry) as well.
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto giveUp = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= giveUp) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
