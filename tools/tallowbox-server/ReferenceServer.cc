@@ -126,9 +126,9 @@ void ReferenceServer::install() {
   server_->Post("/admin/state",
                 [this](const httplib::Request& request, httplib::Response& response) {
                   nlohmann::json patch = nlohmann::json::parse(request.body, nullptr, false);
-                  if (patch.is_discarded()) {
+                  if (!patch.is_object()) {
                     response.status = 400;
-                    response.set_content("not JSON\n", "text/plain");
+                    response.set_content("a state change is a JSON object\n", "text/plain");
                     return;
                   }
                   state_.merge(patch);

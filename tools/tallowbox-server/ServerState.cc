@@ -1,5 +1,7 @@
 #include "ServerState.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* kLists[] = {"OwnerComputers", "SharedfoldersWithStatus", "FileToTransfer",
@@ -7,14 +9,11 @@ constexpr const char* kLists[] = {"OwnerComputers", "SharedfoldersWithStatus", "
 
 }  // namespace
 
-void ServerState::load(const std::string& scenario) {
-  nlohmann::json parsed = nlohmann::json::parse(scenario);
-  if (!parsed.is_object())
-    throw nlohmann::json::type_error::create(302, "a scenario is an object", &parsed);
-  merge(parsed);
-}
+void ServerState::load(const std::string& scenario) { merge(nlohmann::json::parse(scenario)); }
 
 void ServerState::merge(const nlohmann::json& patch) {
+  if (!patch.is_object())
+    throw nlohmann::json::type_error::create(302, "a state change is an object", &patch);
   std::lock_guard lock(mutex_);
   state_.merge_patch(patch);
 }
@@ -22,6 +21,17 @@ void ServerState::merge(const nlohmann::json& patch) {
 nlohmann::json ServerState::snapshot() const {
   std::lock_guard lock(mutex_);
   return state_;
+}
+
+bool ServerState::belongsToUser(const nlohmann::json& computer, const nlohmann::json& user) const {
+  auto users = state_.find("users");
+  if (users == state_.end() || !users->is_object()) return true;
+  if (!user.is_string()) return false;
+  auto entry = users->find(user.get<std::string>());
+  if (entry == users->end() || !entry->is_object()) return false;
+  auto computers = entry->find("computers");
+  return computers != entry->end() && computers->is_array() &&
+         std::find(computers->begin(), computers->end(), computer) != computers->end();
 }
 
 std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
@@ -35,8 +45,11 @@ std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
     return nlohmann::json{{"ReturnStatus", "0"}};
   }
   if (operation == "MAC/SharedFiles.svc/GetSharedFilesTransferData") {
-    nlohmann::json reply = {{"ReturnStatus", "0"}};
     const nlohmann::json computer = request.value("ComputerID", nlohmann::json());
+    if (!belongsToUser(computer, request.value("UserID", nlohmann::json()))) {
+      return nlohmann::json{{"ReturnStatus", "1"}};
+    }
+    nlohmann::json reply = {{"ReturnStatus", "0"}};
     const nlohmann::json& computers = state_["computers"];
     if (computer.is_string() && computers.is_object() &&
         computers.contains(computer.get<std::string>())) {
