@@ -11,7 +11,7 @@ CMAKE_ARGS ?=
 
 SOURCES = $(shell git ls-files '*.h' '*.cc' 2>/dev/null)
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan fuzz format format-check tidy install clean
+.PHONY: all deps build demo test test-plain test-asan test-tsan fuzz bench format format-check tidy install clean
 
 all: build
 
@@ -58,6 +58,10 @@ fuzz: deps
 	mkdir -p $(FUZZ_BUILD)/corpus
 	$(FUZZ_BUILD)/reply_parser_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -rss_limit_mb=2048 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
+
+# What a cycle costs against its period; targets are in bench/CycleBench.cc.
+bench: build
+	$(BUILD)/bin/cycle_bench
 
 format:
 	clang-format -i $(SOURCES)

@@ -26,6 +26,7 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& setting
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;

@@ -1,0 +1,113 @@
+// What one transfer cycle costs, against its 2-second period:
+//  - the owner and folder passes over shared-files lists of some hundreds of
+//    entries, with their preference stores on a real folder. The worst case:
+//    every entry a first-level folder the server reports, so the folder pass
+//    stores the whole list once per shared folder, and the cost grows with the
+//    square of the list. Target: under 500 ms at 300 entries (a quarter of the
+//    period); 1000 entries show the growth.
+//  - one idle step's pending-work query to the reference server on loopback,
+//    reply parsed (target: under 10 ms).
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <future>
+#include <string>
+
+#include "Platform/UserDefaults.h"
+#include "ReferenceServer.h"
+#include "Services/RestInterface.h"
+#include "SharedFilesXpcService/SharedFilesList.h"
+#include "SharedFilesXpcService/SharedFilesXpcService.h"
+#include "support/FixedReachability.h"
+#include "support/ManualScheduler.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+constexpr int kOwners = 10;
+
+// A product folder of its own and an application suite pointing at it.
+struct Setting {
+  Setting() {
+    ::setenv("XDG_CONFIG_HOME", folder.file("config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    UserDefaults application("Quentara.Tallowbox");
+    application.setObject("C1", "computerIdKey");
+    application.setObject("U1", "userIdKey");
+    application.setObject(Value(folder.file("home")), "tallowboxPathKey");
+  }
+  TemporaryFolder folder;
+};
+
+OwnerComputers owner(int index) {
+  OwnerComputers record;
+  record.userComputerMapId = "M" + std::to_string(index);
+  record.status = "1";
+  record.nickName = "Owner " + std::to_string(index);
+  return record;
+}
+
+// `entries` list entries spread over the owners: a root each, the rest first-
+// level folders under it; every other folder reported shared.
+void OwnerAndFolderPasses(benchmark::State& state) {
+  Setting setting;
+  const auto entries = static_cast<int>(state.range(0));
+  // One step with no network takes the preference snapshot and queries nothing;
+  // its later steps stay in the manual scheduler.
+  auto offline = FixedReachability::install(0);
+  ManualScheduler scheduler;
+  auto service = SharedFilesXpcService::create(scheduler);
+  service->SharedFile();
+  Reachability::setFlagsSourceForTesting(nullptr);
+  std::vector<OwnerComputers> owners;
+  owners.reserve(kOwners);
+  for (int o = 0; o < kOwners; ++o) owners.push_back(owner(o));
+  service->ProcessOwnerComputers(owners);  // the roots
+  Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  std::vector<SharedfoldersWithStatus> folders;
+  for (int i = static_cast<int>(list.size()); i < entries; ++i) {
+    const Value& root = list[static_cast<std::size_t>(i % kOwners)];
+    const std::string id = "F" + std::to_string(i);
+    list.emplace_back(
+        Value::Dictionary{{"OwnerFileID", Value(id)},
+                          {"UserComputerMapID", *root.objectForKey("UserComputerMapID")},
+                          {"FileName", Value(*root.objectForKey("FileName")->string() + "/" + id)},
+                          {"Blocked", "0"}});
+    SharedfoldersWithStatus folder;
+    folder.fileId = id;
+    folder.sharedStatus = i % 2 == 0 ? "1" : "0";
+    folders.push_back(folder);
+  }
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
+    service->ProcessOwnerComputers(owners);
+    service->ProcessSharedFoldersWithStatus(folders);
+  }
+  state.counters["entries"] = static_cast<double>(list.size());
+}
+BENCHMARK(OwnerAndFolderPasses)->Arg(100)->Arg(300)->Arg(1000)->Unit(benchmark::kMillisecond);
+
+void IdleQuery(benchmark::State& state) {
+  auto network = FixedReachability::install(0x2);
+  ReferenceServer server;
+  server.start();
+  ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  GetSharedFilesTransferDataQuery query;
+  query.computerId = "C1";
+  query.userId = "U1";
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
+    std::promise<int> answered;
+    RestInterface::asyncGetSharedFilesTransferData(
+        query, [&](const OperationResult<GetSharedFilesTransferDataResponseData>&, int status) {
+          answered.set_value(status);
+        });
+    if (answered.get_future().get() != 0) state.SkipWithError("the query failed");
+  }
+  Reachability::setFlagsSourceForTesting(nullptr);
+}
+BENCHMARK(IdleQuery)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
