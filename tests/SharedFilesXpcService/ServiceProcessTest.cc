@@ -3,9 +3,11 @@
 // loopback. What it did is read from the server's request log and from the
 // preference files it keeps.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "Platform/UserDefaults.h"
@@ -71,17 +73,21 @@ class ServiceProcessTest : public ::testing::Test {
   fs::path home() const { return root.path() / "home"; }
   fs::path product() const { return home() / "Tallowbox"; }
   static Value::Array list() { return SharedFilesList::load(UserDefaults::standardUserDefaults()); }
-  // The "Blocked" mark of the entry named `fileName`, or "<none>".
-  static std::string blocked(const fs::path& fileName) {
+  // The entry named `fileName`, or nullopt.
+  static std::optional<Value> entryNamed(const fs::path& fileName) {
     for (const Value& entry : list()) {
       const Value* name = entry.objectForKey("FileName");
-      const Value* mark = entry.objectForKey("Blocked");
-      if (name != nullptr && name->string() != nullptr && *name->string() == fileName.string() &&
-          mark != nullptr && mark->string() != nullptr) {
-        return *mark->string();
+      if (name != nullptr && name->string() != nullptr && *name->string() == fileName.string()) {
+        return entry;
       }
     }
-    return "<none>";
+    return std::nullopt;
+  }
+  // The "Blocked" mark of the entry named `fileName`, or "<none>".
+  static std::string blocked(const fs::path& fileName) {
+    std::optional<Value> entry = entryNamed(fileName);
+    const Value* mark = entry ? entry->objectForKey("Blocked") : nullptr;
+    return mark != nullptr && mark->string() != nullptr ? *mark->string() : "<none>";
   }
 
   TemporaryFolder root;
@@ -106,12 +112,34 @@ TEST_F(ServiceProcessTest, IdleServiceQueriesEachPeriodAndUnblocksExactlyTheShar
   SharedFilesList::store(
       UserDefaults::standardUserDefaults(),
       {child("F-Docs", shared + "/Docs", "1"), child("F-Photos", shared + "/Photos", "0")});
+  // The second reply is held back a second, so the list can be read between
+  // the first two cycles; the state answers after that.
+  json pending = server.state().snapshot()["computers"]["C1"];
+  pending["ReturnStatus"] = "0";
+  server.script(kQuery, ReferenceServer::json(pending));
+  ReferenceServer::Reply heldBack = ReferenceServer::json(pending);
+  heldBack.delay = 1s;
+  server.script(kQuery, heldBack);
   startService();
   sharedFile();
 
-  ASSERT_TRUE(waitUntil([&] { return fs::is_directory(shared); }));
+  ASSERT_TRUE(queriedAtLeast(2));
+  server.clearScripts();
+  struct stat attributes {};
+  ASSERT_EQ(::lstat(shared.c_str(), &attributes), 0) << "the root folder was made";
+  EXPECT_EQ(entryNamed(shared),
+            Value(Value::Dictionary{{"OwnerFileID", "0"},
+                                    {"UserComputerMapID", "M-Ann"},
+                                    {"FileName", Value(shared)},
+                                    {"IsFile", "0"},
+                                    {"MyFile", "0"},
+                                    {"SavedFileID", ""},
+                                    {"Blocked", "1"},
+                                    {"DeleteKey", "0"},
+                                    {"FileID", Value(std::to_string(attributes.st_ino))}}))
+      << "a new root entry starts blocked";
   ASSERT_TRUE(waitUntil([&] { return blocked(shared) == "0"; }))
-      << "the root entry is unblocked one cycle after it was made";
+      << "the root entry is unblocked by the next cycle";
   ASSERT_TRUE(waitUntil([&] { return blocked(shared + "/Docs") == "0"; }));
   EXPECT_EQ(blocked(shared + "/Photos"), "1") << "a folder not reported shared stays blocked";
   EXPECT_EQ(list().size(), 3U);
