@@ -10,6 +10,7 @@
 #include "Platform/DispatchQueues.h"
 #include "ReferenceServer.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 using namespace std::chrono_literals;
 
@@ -294,9 +295,7 @@ TEST_F(URLSessionTest, SessionAndTaskAreReleasedOnceTheExchangeHasReported) {
     task->resume();
   }
   reported.get_future().wait();
-  for (int i = 0; i < 100 && (!weakSession.expired() || !weakTask.expired()); ++i) {
-    std::this_thread::sleep_for(10ms);
-  }
+  waitUntil([&] { return weakSession.expired() && weakTask.expired(); });
   EXPECT_TRUE(weakSession.expired());
   EXPECT_TRUE(weakTask.expired());
   EXPECT_EQ(CurlEngine::shared().activeTransfers(), 0U);
@@ -321,8 +320,7 @@ TEST_F(URLSessionTest, ConnectionsPerHostLimitHoldsTasksBackUntilOneEnds) {
                         const std::optional<PlatformError>&) { secondDone.set_value(); });
   first->resume();
   second->resume();
-  for (int i = 0; i < 100 && server.requestsFor("Slow").empty(); ++i)
-    std::this_thread::sleep_for(5ms);
+  waitUntil([&] { return !server.requestsFor("Slow").empty(); });
   std::this_thread::sleep_for(100ms);
   EXPECT_EQ(server.requestsFor("Slow").size(), 1U) << "the second waits for the first";
   firstDone.get_future().wait();
@@ -338,8 +336,7 @@ TEST_F(URLSessionTest, ConnectionsPerHostLimitHoldsTasksBackUntilOneEnds) {
   auto tb = open->dataTaskWithRequest(post("Slow"), [&](auto&&...) { b.set_value(); });
   ta->resume();
   tb->resume();
-  for (int i = 0; i < 100 && server.requestsFor("Slow").size() < 2; ++i)
-    std::this_thread::sleep_for(5ms);
+  waitUntil([&] { return server.requestsFor("Slow").size() >= 2; });
   EXPECT_EQ(server.requestsFor("Slow").size(), 2U);
   a.get_future().wait();
   b.get_future().wait();

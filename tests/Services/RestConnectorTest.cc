@@ -15,6 +15,7 @@
 #include "support/LogCapture.h"
 #include "support/MainQueue.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 using namespace std::chrono_literals;
 using nlohmann::json;
@@ -87,9 +88,7 @@ TEST_F(RestConnectorTest, JsonExchangeDecodesTheAnswerWhateverTheHttpStatus) {
 
   EXPECT_TRUE(log.containsPrefix("Json String {\n  \"ErrorClass\""));
   EXPECT_TRUE(log.contains("response {\n  \"ReturnStatus\": \"0\"\n}"));
-  for (int i = 0; i < 100 && !log.containsPrefix("error ............"); ++i) {
-    std::this_thread::sleep_for(10ms);
-  }
+  waitUntil([&] { return log.containsPrefix("error ............"); });
   EXPECT_TRUE(log.containsPrefix(".........<URLResponse: " + server.baseURL()));
   EXPECT_TRUE(log.contains("error ............(null)"));
 }

@@ -11,6 +11,7 @@
 #include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
+#include "support/WaitUntil.h"
 
 using namespace std::chrono_literals;
 using nlohmann::json;
@@ -100,9 +101,7 @@ TEST_F(RestConnector_OldTest, TheQueuesLastOperationIsCancelledAfterTheHandler) 
         handled.set_value();
       });
   handled.get_future().wait();
-  for (int i = 0; i < 100 && !connector->operationQueue()->operations().empty(); ++i) {
-    std::this_thread::sleep_for(5ms);
-  }
+  waitUntil([&] { return connector->operationQueue()->operations().empty(); });
   EXPECT_TRUE(connector->operationQueue()->operations().empty());
   EXPECT_FALSE(lateRan);
 }
@@ -157,7 +156,7 @@ TEST_F(RestConnector_OldTest, DownloadConnectionAnswersItsTagAndStreamsToItsDele
   EXPECT_EQ(tag, "file-17");
   EXPECT_EQ(code, 0);
   EXPECT_EQ(bytes, std::string(300000, 'z'));
-  for (int i = 0; i < 100 && !weak.expired(); ++i) std::this_thread::sleep_for(5ms);
+  waitUntil([&] { return weak.expired(); });
   EXPECT_TRUE(weak.expired()) << "let go once it has reported";
 
   auto idle = DownloadConnection::initWithRequest(request, collector, false, "later");
