@@ -21,6 +21,7 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 #include "support/FixedReachability.h"
 #include "support/ManualScheduler.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -30,12 +31,13 @@ constexpr int kOwners = 10;
 // A product folder of its own and an application suite pointing at it.
 struct Setting {
   Setting() {
-    ::setenv("XDG_CONFIG_HOME", folder.file("config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.configFolder = folder.file("config"); });
     UserDefaults application("Quentara.Tallowbox");
     application.setObject("C1", "computerIdKey");
     application.setObject("U1", "userIdKey");
     application.setObject(Value(folder.file("home")), "tallowboxPathKey");
   }
+  ScopedEnvironment environment;
   TemporaryFolder folder;
 };
 
@@ -58,7 +60,8 @@ void OwnerAndFolderPasses(benchmark::State& state) {
   ManualScheduler scheduler;
   auto service = SharedFilesXpcService::create(scheduler);
   service->SharedFile();
-  Reachability::setFlagsSourceForTesting(nullptr);
+  offline.reset();
+  setting.environment.update([](Environment& e) { e.reachabilityFlags = nullptr; });
   std::vector<OwnerComputers> owners;
   owners.reserve(kOwners);
   for (int o = 0; o < kOwners; ++o) owners.push_back(owner(o));
@@ -89,10 +92,11 @@ void OwnerAndFolderPasses(benchmark::State& state) {
 BENCHMARK(OwnerAndFolderPasses)->Arg(100)->Arg(300)->Arg(1000)->Unit(benchmark::kMillisecond);
 
 void IdleQuery(benchmark::State& state) {
+  ScopedEnvironment environment;
   auto network = FixedReachability::install(0x2);
   ReferenceServer server;
   server.start();
-  ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
   GetSharedFilesTransferDataQuery query;
   query.computerId = "C1";
   query.userId = "U1";
@@ -104,7 +108,6 @@ void IdleQuery(benchmark::State& state) {
         });
     if (answered.get_future().get() != 0) state.SkipWithError("the query failed");
   }
-  Reachability::setFlagsSourceForTesting(nullptr);
 }
 BENCHMARK(IdleQuery)->Unit(benchmark::kMillisecond)->UseRealTime();
 

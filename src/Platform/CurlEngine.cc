@@ -8,12 +8,12 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "Platform/CurlTransfer.h"
+#include "Platform/Environment.h"
 #include "Platform/Log.h"
 #include "Platform/URLSession.h"
 
 namespace {
-
-std::atomic<long> gInjectedFailure{0};
 
 std::string trimmed(std::string text) {
   while (!text.empty() && (text.back() == '\r' || text.back() == '\n' || text.back() == ' ')) {
@@ -30,9 +30,45 @@ bool hasHeader(const URLRequest::Headers& headers, const char* name) {
   return false;
 }
 
-std::string temporaryFolder() {
-  const char* tmp = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
-  return tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
+// The platform error code of a curl result.
+long platformCodeForCurlCode(CURLcode code) {
+  switch (code) {
+    case CURLE_OK:
+      return 0;
+    case CURLE_OPERATION_TIMEDOUT:
+      return PlatformError::kTimedOut;
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return PlatformError::kUnsupportedURL;
+    case CURLE_URL_MALFORMAT:
+      return PlatformError::kBadURL;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return PlatformError::kCannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+      return PlatformError::kCannotConnectToHost;
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+    case CURLE_READ_ERROR:
+    case CURLE_ABORTED_BY_CALLBACK:
+    case CURLE_HTTP2_STREAM:
+      return PlatformError::kNetworkConnectionLost;
+    case CURLE_TOO_MANY_REDIRECTS:
+      return PlatformError::kHTTPTooManyRedirects;
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_FILESIZE_EXCEEDED:
+      return PlatformError::kBadServerResponse;
+    case CURLE_WRITE_ERROR:
+      return PlatformError::kCannotWriteToFile;
+    case CURLE_SSL_CONNECT_ERROR:
+      return PlatformError::kSecureConnectionFailed;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return PlatformError::kServerCertificateUntrusted;
+    default:
+      return PlatformError::kNetworkConnectionLost;
+  }
 }
 
 }  // namespace
@@ -41,39 +77,44 @@ std::string temporaryFolder() {
 struct CurlCallbacks {
   static size_t header(char* data, size_t size, size_t count, void* user) {
     auto* task = static_cast<URLSessionTask*>(user);
+    CurlTransfer& transfer = *task->transfer_;
     std::string line(data, size * count);
-    if (line.rfind("HTTP/", 0) == 0) {
-      // A new status line (after an interim answer or a redirect) starts afresh.
-      task->pendingResponse_ = URLResponse{task->request_.url, 0, {}};
-      std::size_t space = line.find(' ');
-      if (space != std::string::npos) {
-        task->pendingResponse_.statusCode = std::strtol(line.c_str() + space + 1, nullptr, 10);
-      }
-    } else if (line == "\r\n" || line == "\n") {
-      if (task->pendingResponse_.statusCode >= 200) {
+    if (line == "\r\n" || line == "\n") {
+      // The end of one answer's header: an interim answer's or a redirect's is
+      // dropped, the final one is kept.
+      long status = 0;
+      curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+      if (status >= 200) {
         std::lock_guard lock(task->mutex_);
-        task->response_ = task->pendingResponse_;
+        task->response_ = URLResponse{task->request_.url, status, transfer.headers};
       }
-    } else if (std::size_t colon = line.find(':'); colon != std::string::npos) {
-      task->pendingResponse_.headers.emplace_back(line.substr(0, colon),
-                                                  trimmed(line.substr(colon + 1)));
+      transfer.headers.clear();
+    } else if (line.rfind("HTTP/", 0) != 0) {
+      if (std::size_t colon = line.find(':'); colon != std::string::npos) {
+        transfer.headers.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
+      }
     }
     return size * count;
   }
 
   static size_t write(char* data, size_t size, size_t count, void* user) {
     auto* task = static_cast<URLSessionTask*>(user);
+    CurlTransfer& transfer = *task->transfer_;
     size_t length = size * count;
     if (task->kind_ == URLSessionTask::Kind::kDownload) {
       size_t done = 0;
       while (done < length) {
-        ssize_t n = ::write(task->downloadFd_, data + done, length - done);
+        ssize_t n = ::write(transfer.downloadFd, data + done, length - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return 0;  // ends the transfer with a write error
         done += static_cast<size_t>(n);
       }
     } else if (task->completion_) {
-      task->received_.append(data, length);
+      if (length > CurlEngine::kMaximumAnswerLength - transfer.received.size()) {
+        transfer.answerTooLong = true;
+        return 0;  // ends the transfer; reported as "data length exceeds maximum"
+      }
+      transfer.received.append(data, length);
     } else {
       auto self = task->shared_from_this();
       task->session_->deliver([self, chunk = std::string(data, length)] {
@@ -85,7 +126,7 @@ struct CurlCallbacks {
 
   static size_t read(char* buffer, size_t size, size_t count, void* user) {
     auto* task = static_cast<URLSessionTask*>(user);
-    long n = task->body_->read(buffer, size * count);
+    long n = task->transfer_->body->read(buffer, size * count);
     return n < 0 ? CURL_READFUNC_ABORT : static_cast<size_t>(n);
   }
 
@@ -93,20 +134,21 @@ struct CurlCallbacks {
   static int progress(void* user, curl_off_t /*dltotal*/, curl_off_t dlnow, curl_off_t ultotal,
                       curl_off_t ulnow) {
     auto* task = static_cast<URLSessionTask*>(user);
+    CurlTransfer& transfer = *task->transfer_;
     // Request time-out: no byte either way for that long.
     auto now = std::chrono::steady_clock::now();
-    if (dlnow + ulnow != task->bytesMoved_) {
-      task->bytesMoved_ = dlnow + ulnow;
-      task->lastActivity_ = now;
-    } else if (now - task->lastActivity_ > task->requestTimeout_) {
-      task->timedOut_ = true;
+    if (dlnow + ulnow != transfer.bytesMoved) {
+      transfer.bytesMoved = dlnow + ulnow;
+      transfer.lastActivity = now;
+    } else if (now - transfer.lastActivity > transfer.requestTimeout) {
+      transfer.timedOut = true;
       return 1;
     }
-    if (ulnow > task->bytesSent_ && !task->completion_) {
-      std::int64_t sent = ulnow - task->bytesSent_;
-      task->bytesSent_ = ulnow;
+    if (ulnow > transfer.bytesSent && !task->completion_) {
+      std::int64_t sent = ulnow - transfer.bytesSent;
+      transfer.bytesSent = ulnow;
       std::int64_t expected =
-          task->bodyLength_ >= 0 ? task->bodyLength_ : (ultotal > 0 ? ultotal : -1);
+          transfer.bodyLength >= 0 ? transfer.bodyLength : (ultotal > 0 ? ultotal : -1);
       auto self = task->shared_from_this();
       task->session_->deliver([self, sent, total = static_cast<std::int64_t>(ulnow), expected] {
         if (auto delegate = self->session_->delegate()) {
@@ -132,49 +174,7 @@ CurlEngine::CurlEngine() {
   thread_.detach();
 }
 
-void CurlEngine::injectFailureForTesting(long code) { gInjectedFailure.store(code); }
-
 std::size_t CurlEngine::activeTransfers() { return activeCount_.load(); }
-
-long CurlEngine::platformCodeForCurlCode(CURLcode code) {
-  switch (code) {
-    case CURLE_OK:
-      return 0;
-    case CURLE_OPERATION_TIMEDOUT:
-      return -1001;  // timed out
-    case CURLE_UNSUPPORTED_PROTOCOL:
-      return -1002;  // unsupported URL
-    case CURLE_URL_MALFORMAT:
-      return -1000;  // bad URL
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      return -1003;  // cannot find host
-    case CURLE_COULDNT_CONNECT:
-      return -1004;  // cannot connect to host
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_GOT_NOTHING:
-    case CURLE_READ_ERROR:
-    case CURLE_ABORTED_BY_CALLBACK:
-    case CURLE_HTTP2_STREAM:
-      return -1005;  // network connection lost
-    case CURLE_TOO_MANY_REDIRECTS:
-      return -1007;
-    case CURLE_WEIRD_SERVER_REPLY:
-    case CURLE_BAD_CONTENT_ENCODING:
-    case CURLE_FILESIZE_EXCEEDED:
-      return -1011;  // bad server response
-    case CURLE_WRITE_ERROR:
-      return -3003;  // cannot write to file
-    case CURLE_SSL_CONNECT_ERROR:
-      return -1200;
-    case CURLE_PEER_FAILED_VERIFICATION:
-      return -1202;
-    default:
-      return -1005;
-  }
-}
 
 void CurlEngine::post(std::function<void()> command) {
   {
@@ -190,8 +190,9 @@ void CurlEngine::start(std::shared_ptr<URLSessionTask> task) {
 
 void CurlEngine::setPaused(std::shared_ptr<URLSessionTask> task, bool paused) {
   post([task = std::move(task), paused] {
-    if (task->easy_ != nullptr)
-      curl_easy_pause(task->easy_, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
+    if (task->transfer_ && task->transfer_->easy != nullptr) {
+      curl_easy_pause(task->transfer_->easy, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
+    }
   });
 }
 
@@ -201,7 +202,7 @@ void CurlEngine::cancel(std::shared_ptr<URLSessionTask> task) {
       std::lock_guard lock(task->mutex_);
       if (task->state_ == URLSessionTask::State::kCompleted) return;
     }
-    finishWithCode(task, -999, "cancelled");
+    finishWithCode(task, PlatformError::kCancelled, "cancelled");
   });
 }
 
@@ -251,7 +252,9 @@ bool CurlEngine::withinHostLimit(const URLSessionTask& task) const {
   if (!limit) return true;
   int running = 0;
   for (const auto& [easy, other] : active_) {
-    if (other->session_ == task.session_ && other->hostKey_ == task.hostKey_) ++running;
+    if (other->session_ == task.session_ && other->transfer_->hostKey == task.transfer_->hostKey) {
+      ++running;
+    }
   }
   return running < *limit;
 }
@@ -261,7 +264,11 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
     std::lock_guard lock(task->mutex_);
     if (task->state_ == URLSessionTask::State::kCompleted) return;
   }
-  task->hostKey_ = hostKeyOf(task->request_.url);
+  if (!task->transfer_) {
+    task->transfer_ = std::make_unique<CurlTransfer>();
+    task->transfer_->hostKey = hostKeyOf(task->request_.url);
+  }
+  CurlTransfer& transfer = *task->transfer_;
   if (!withinHostLimit(*task)) {
     waiting_.push_back(task);  // starts when one of its session's transfers ends
     return;
@@ -270,10 +277,10 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   const URLSessionConfiguration& configuration = task->session_->configuration();
   CURL* easy = curl_easy_init();
   if (easy == nullptr) {
-    finishWithCode(task, -1, "the transfer engine could not make a transfer");
+    finishWithCode(task, PlatformError::kUnknown, "the transfer engine could not make a transfer");
     return;
   }
-  task->easy_ = easy;
+  transfer.easy = easy;
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -292,8 +299,8 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
                               ? request.timeoutInterval
                               : configuration.timeoutIntervalForRequest.value_or(60);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(requestTimeout * 1000));
-  task->requestTimeout_ = std::chrono::milliseconds(static_cast<long>(requestTimeout * 1000));
-  task->lastActivity_ = std::chrono::steady_clock::now();
+  transfer.requestTimeout = std::chrono::milliseconds(static_cast<long>(requestTimeout * 1000));
+  transfer.lastActivity = std::chrono::steady_clock::now();
   double resourceTimeout = configuration.timeoutIntervalForResource.value_or(7 * 24 * 3600);
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceTimeout * 1000));
 
@@ -312,10 +319,10 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
     std::string line = name;
     line += value.empty() ? ";" : ": ";
     line += value;
-    task->headerList_ = curl_slist_append(task->headerList_, line.c_str());
+    transfer.headerList = curl_slist_append(transfer.headerList, line.c_str());
   }
-  task->headerList_ = curl_slist_append(task->headerList_, "Expect:");
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, task->headerList_);
+  transfer.headerList = curl_slist_append(transfer.headerList, "Expect:");
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headerList);
 
   if (request.httpMethod == "POST") {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
@@ -325,40 +332,40 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
 
   if (task->kind_ == URLSessionTask::Kind::kUploadFromFile) {
     struct stat st {};
-    task->body_ = std::make_shared<InputStream>(task->uploadFilePath_, 0);
-    if (!task->body_->isOpen() || ::stat(task->uploadFilePath_.c_str(), &st) != 0) {
-      finishWithCode(task, -1100, "The file to upload does not exist");
+    transfer.body = std::make_shared<InputStream>(task->uploadFilePath_, 0);
+    if (!transfer.body->isOpen() || ::stat(task->uploadFilePath_.c_str(), &st) != 0) {
+      finishWithCode(task, PlatformError::kFileDoesNotExist, "The file to upload does not exist");
       return;
     }
-    task->bodyLength_ = st.st_size;
+    transfer.bodyLength = st.st_size;
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(st.st_size));
     curl_easy_setopt(easy, CURLOPT_READFUNCTION, &CurlCallbacks::read);
     curl_easy_setopt(easy, CURLOPT_READDATA, task.get());
   } else if (streamed) {
-    task->body_ = request.httpBodyStream;
+    transfer.body = request.httpBodyStream;
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_READFUNCTION, &CurlCallbacks::read);
     curl_easy_setopt(easy, CURLOPT_READDATA, task.get());
   } else if (!request.httpBody.empty() || request.httpMethod == "POST") {
-    task->bodyLength_ = static_cast<std::int64_t>(request.httpBody.size());
+    transfer.bodyLength = static_cast<std::int64_t>(request.httpBody.size());
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
                      static_cast<curl_off_t>(request.httpBody.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.httpBody.data());
   }
 
   if (task->kind_ == URLSessionTask::Kind::kDownload) {
-    std::string path = temporaryFolder() + "/CFNetworkDownload_XXXXXX.tmp";
-    task->downloadFd_ = ::mkostemps(path.data(), 4, O_CLOEXEC);
-    if (task->downloadFd_ < 0) {
-      finishWithCode(task, -3000, "Cannot create the download file");
+    std::string path = Environment::current()->temporaryFolder + "CFNetworkDownload_XXXXXX.tmp";
+    transfer.downloadFd = ::mkostemps(path.data(), 4, O_CLOEXEC);
+    if (transfer.downloadFd < 0) {
+      finishWithCode(task, PlatformError::kCannotCreateFile, "Cannot create the download file");
       return;
     }
-    task->downloadPath_ = path;
+    transfer.downloadPath = path;
   }
 
   if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
-    finishWithCode(task, -1, "the transfer engine could not start a transfer");
+    finishWithCode(task, PlatformError::kUnknown, "the transfer engine could not start a transfer");
     return;
   }
   active_.emplace(easy, task);
@@ -371,11 +378,15 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   if (paused) curl_easy_pause(easy, CURLPAUSE_ALL);
 }
 
-void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, CURLcode result) {
+void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, int curlCode) {
+  auto result = static_cast<CURLcode>(curlCode);
+  const CurlTransfer& transfer = *task->transfer_;
   if (result == CURLE_OK) {
     finishWithCode(task, 0, "");
-  } else if (result == CURLE_ABORTED_BY_CALLBACK && task->timedOut_) {
-    finishWithCode(task, -1001, "The request timed out.");
+  } else if (result == CURLE_ABORTED_BY_CALLBACK && transfer.timedOut) {
+    finishWithCode(task, PlatformError::kTimedOut, "The request timed out.");
+  } else if (result == CURLE_WRITE_ERROR && transfer.answerTooLong) {
+    finishWithCode(task, PlatformError::kDataLengthExceedsMaximum, "resource exceeds maximum size");
   } else {
     finishWithCode(task, platformCodeForCurlCode(result), curl_easy_strerror(result));
   }
@@ -384,31 +395,32 @@ void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, CURLcode re
 void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, long code,
                                 std::string description) {
   waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), task), waiting_.end());
-  if (task->easy_ != nullptr) {
-    active_.erase(task->easy_);
-    activeCount_.store(active_.size());
-    curl_multi_remove_handle(multi_, task->easy_);
-    curl_easy_cleanup(task->easy_);
-    task->easy_ = nullptr;
-    // A place is free: the first waiting transfer of the same session and host starts.
-    auto next = std::find_if(waiting_.begin(), waiting_.end(), [&](const auto& other) {
-      return other->session_ == task->session_ && other->hostKey_ == task->hostKey_;
-    });
-    if (next != waiting_.end()) {
-      std::shared_ptr<URLSessionTask> starting = *next;
-      waiting_.erase(next);
-      begin(starting);
+  std::string data;
+  std::string downloadPath;
+  if (std::unique_ptr<CurlTransfer> transfer = std::move(task->transfer_)) {
+    if (transfer->easy != nullptr) {
+      active_.erase(transfer->easy);
+      activeCount_.store(active_.size());
+      curl_multi_remove_handle(multi_, transfer->easy);
+      curl_easy_cleanup(transfer->easy);
+      // A place is free: the first waiting transfer of the same session and host starts.
+      auto next = std::find_if(waiting_.begin(), waiting_.end(), [&](const auto& other) {
+        return other->session_ == task->session_ && other->transfer_->hostKey == transfer->hostKey;
+      });
+      if (next != waiting_.end()) {
+        std::shared_ptr<URLSessionTask> starting = *next;
+        waiting_.erase(next);
+        begin(starting);
+      }
     }
+    curl_slist_free_all(transfer->headerList);
+    if (transfer->downloadFd >= 0) ::close(transfer->downloadFd);
+    downloadPath = transfer->downloadPath;
+    data = task->kind_ == URLSessionTask::Kind::kDownload ? transfer->downloadPath
+                                                          : std::move(transfer->received);
   }
-  curl_slist_free_all(task->headerList_);
-  task->headerList_ = nullptr;
-  if (task->downloadFd_ >= 0) {
-    ::close(task->downloadFd_);
-    task->downloadFd_ = -1;
-  }
-  task->body_.reset();
 
-  if (long injected = gInjectedFailure.exchange(0); injected != 0) {
+  if (long injected = Environment::takeInjectedTransferFailure(); injected != 0) {
     code = injected;
     description = "injected failure";
   }
@@ -418,9 +430,6 @@ void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, lon
     std::lock_guard lock(task->mutex_);
     task->state_ = URLSessionTask::State::kCompleted;
   }
-  std::string data = task->kind_ == URLSessionTask::Kind::kDownload ? task->downloadPath_
-                                                                    : std::move(task->received_);
-  std::string downloadPath = task->downloadPath_;
   task->session_->deliver([task, data = std::move(data), error, downloadPath] {
     std::optional<URLResponse> response = task->response();
     // Moved out so that what the handler captures is released once it returns.

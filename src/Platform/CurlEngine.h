@@ -1,7 +1,5 @@
 #pragma once
 
-#include <curl/curl.h>
-
 #include <atomic>
 #include <functional>
 #include <map>
@@ -23,32 +21,30 @@ class CurlEngine {
   void setPaused(std::shared_ptr<URLSessionTask> task, bool paused);
   void cancel(std::shared_ptr<URLSessionTask> task);
 
-  // Tests: the next transfer to finish reports platform error `code` (-1, the
-  // engine's own "unknown" failure) whatever really happened.
-  static void injectFailureForTesting(long code);
+  // The most a task with a completion handler keeps of its answer: past it the
+  // task ends with "data length exceeds maximum" instead of growing in memory.
+  static constexpr std::size_t kMaximumAnswerLength = 64U << 20U;
+
   // Tests: transfers that are in flight now.
   std::size_t activeTransfers();
-
-  // The platform error code of a curl result.
-  static long platformCodeForCurlCode(CURLcode code);
 
  private:
   CurlEngine();
   void post(std::function<void()> command);
   void run();
   void begin(const std::shared_ptr<URLSessionTask>& task);
-  void finish(const std::shared_ptr<URLSessionTask>& task, CURLcode result);
+  void finish(const std::shared_ptr<URLSessionTask>& task, int curlCode);
   // Ends `task` and reports it on its session's delegate queue.
   void finishWithCode(const std::shared_ptr<URLSessionTask>& task, long code,
                       std::string description);
 
-  CURLM* multi_ = nullptr;
-  std::mutex mutex_;  // guards commands_
+  void* multi_ = nullptr;  // the libcurl multi handle
+  std::mutex mutex_;       // guards commands_
   std::vector<std::function<void()>> commands_;
   // Whether `task` may start now under its session's connections-per-host limit.
   bool withinHostLimit(const URLSessionTask& task) const;
 
-  std::map<CURL*, std::shared_ptr<URLSessionTask>> active_;  // engine thread only
+  std::map<void*, std::shared_ptr<URLSessionTask>> active_;  // engine thread only, by easy handle
   std::vector<std::shared_ptr<URLSessionTask>> waiting_;     // engine thread only: over the limit
   std::atomic<std::size_t> activeCount_{0};
   std::thread thread_;

@@ -1,11 +1,30 @@
 #include "Platform/DispatchQueues.h"
 
 #include <algorithm>
+#include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
 #include <exception>
 
 #include "Platform/Log.h"
+
+struct DispatchQueues::Executors {
+  explicit Executors(std::size_t poolThreads)
+      : pool(poolThreads), mainWork(asio::make_work_guard(main)) {}
+  asio::thread_pool pool;
+  asio::io_context main;
+  asio::executor_work_guard<asio::io_context::executor_type> mainWork;
+};
+
+struct DispatchQueues::SerialQueue::Strand {
+  asio::strand<asio::thread_pool::executor_type> strand;
+};
+
+bool DispatchQueues::SerialQueue::isCurrent() const {
+  return strand_ && strand_->strand.running_in_this_thread();
+}
 
 DispatchQueues& DispatchQueues::shared() {
   // Never destroyed: queued work may still run while the process exits.
@@ -14,17 +33,17 @@ DispatchQueues& DispatchQueues::shared() {
 }
 
 DispatchQueues::DispatchQueues(std::size_t poolThreads)
-    : pool_(poolThreads), mainWork_(asio::make_work_guard(main_)) {
-  mainThread_ = std::thread([this] { main_.run(); });
+    : executors_(std::make_unique<Executors>(poolThreads)) {
+  mainThread_ = std::thread([this] { executors_->main.run(); });
   mainThreadId_ = mainThread_.get_id();
 }
 
 DispatchQueues::~DispatchQueues() {
-  mainWork_.reset();
-  main_.stop();
+  executors_->mainWork.reset();
+  executors_->main.stop();
   if (mainThread_.joinable()) mainThread_.join();
-  pool_.stop();
-  pool_.join();
+  executors_->pool.stop();
+  executors_->pool.join();
 }
 
 void DispatchQueues::runGuarded(const Work& work) {
@@ -38,22 +57,27 @@ void DispatchQueues::runGuarded(const Work& work) {
 }
 
 void DispatchQueues::dispatchAsync(Work work) {
-  asio::post(pool_, [work = std::move(work)] { runGuarded(work); });
+  asio::post(executors_->pool, [work = std::move(work)] { runGuarded(work); });
 }
 
 void DispatchQueues::dispatchAfter(std::chrono::nanoseconds delay, Work work) {
-  auto timer = std::make_shared<asio::steady_timer>(pool_, delay);
+  auto timer = std::make_shared<asio::steady_timer>(executors_->pool, delay);
   timer->async_wait([timer, work = std::move(work)](const asio::error_code& error) {
     if (!error) runGuarded(work);
   });
 }
 
 void DispatchQueues::dispatchMain(Work work) {
-  asio::post(main_, [work = std::move(work)] { runGuarded(work); });
+  asio::post(executors_->main, [work = std::move(work)] { runGuarded(work); });
 }
 
 void DispatchQueues::dispatchSerial(const SerialQueue& queue, Work work) {
-  asio::post(queue, [work = std::move(work)] { runGuarded(work); });
+  asio::post(queue.strand_->strand, [work = std::move(work)] { runGuarded(work); });
 }
 
-DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue() { return asio::make_strand(pool_); }
+DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue() {
+  SerialQueue queue;
+  queue.strand_ = std::make_shared<SerialQueue::Strand>(
+      SerialQueue::Strand{asio::make_strand(executors_->pool.get_executor())});
+  return queue;
+}

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/strand.hpp>
-#include <asio/thread_pool.hpp>
 #include <memory>
 #include <thread>
 
@@ -18,9 +15,17 @@
 // and dropped, so that no work item can end the process.
 class DispatchQueues : public Scheduler {
  public:
-  using Executor = asio::thread_pool::executor_type;
-  using MainExecutor = asio::io_context::executor_type;
-  using SerialQueue = asio::strand<Executor>;
+  // A private serial queue: its works run one at a time, in order, on the pool.
+  class SerialQueue {
+   public:
+    // Whether the caller runs on this queue.
+    bool isCurrent() const;
+
+   private:
+    friend class DispatchQueues;
+    struct Strand;
+    std::shared_ptr<Strand> strand_;
+  };
 
   // The process-wide queues, started on first use and never stopped.
   static DispatchQueues& shared();
@@ -41,16 +46,12 @@ class DispatchQueues : public Scheduler {
   static void dispatchSerial(const SerialQueue& queue, Work work);
   SerialQueue makeSerialQueue();
 
-  Executor globalExecutor() { return pool_.get_executor(); }
-  MainExecutor mainExecutor() { return main_.get_executor(); }
-
   // The guard every work item runs under.
   static void runGuarded(const Work& work);
 
  private:
-  asio::thread_pool pool_;
-  asio::io_context main_;
-  asio::executor_work_guard<MainExecutor> mainWork_;
+  struct Executors;
+  std::unique_ptr<Executors> executors_;
   std::thread mainThread_;
   std::thread::id mainThreadId_;
 };

@@ -29,4 +29,4 @@ std::vector<std::shared_ptr<OperationQueue::Operation>> OperationQueue::operatio
   return operations_;
 }
 
-bool OperationQueue::isCurrent() const { return strand_.running_in_this_thread(); }
+bool OperationQueue::isCurrent() const { return strand_.isCurrent(); }

@@ -50,7 +50,7 @@ void URLConnection::didCompleteWithError(URLSessionTask& /*task*/,
     self = std::move(self_);
   }
   // A cancelled connection tells its delegate nothing, as the platform's does not.
-  if (!delegate || (error && error->code() == -999)) return;
+  if (!delegate || (error && error->code() == PlatformError::kCancelled)) return;
   if (error) {
     delegate->didFailWithError(*this, *error);
   } else {

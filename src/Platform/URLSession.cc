@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "Platform/CurlEngine.h"
+#include "Platform/CurlTransfer.h"
 
 namespace {
 std::atomic<std::uint64_t> gNextTaskIdentifier{1};

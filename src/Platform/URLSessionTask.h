@@ -1,8 +1,5 @@
 #pragma once
 
-#include <curl/curl.h>
-
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,6 +12,7 @@
 #include "Platform/URLResponse.h"
 
 class URLSession;
+struct CurlTransfer;
 
 // One exchange of a session. It starts suspended; resume() sends it. It reports
 // exactly once, on the session's delegate queue: to its completion handler when it
@@ -64,20 +62,6 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   std::string description_;
   std::optional<URLResponse> response_;
 
-  // Engine thread only.
-  CURL* easy_ = nullptr;
-  curl_slist* headerList_ = nullptr;
-  std::string received_;
-  std::string downloadPath_;
-  int downloadFd_ = -1;
-  std::shared_ptr<InputStream> body_;
-  std::size_t bodyOffset_ = 0;
-  std::int64_t bodyLength_ = -1;
-  std::int64_t bytesSent_ = 0;
-  URLResponse pendingResponse_;
-  std::string hostKey_;  // scheme, host and port: what the per-host limit counts
-  std::chrono::milliseconds requestTimeout_{60000};
-  std::chrono::steady_clock::time_point lastActivity_;
-  curl_off_t bytesMoved_ = 0;
-  bool timedOut_ = false;
+  // What the engine keeps while the transfer runs; engine thread only.
+  std::unique_ptr<CurlTransfer> transfer_;
 };

@@ -1,36 +1,19 @@
 #include "Platform/UserDefaults.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <system_error>
 
+#include "Platform/Environment.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
 
 namespace {
-
-std::string configFolder() {
-  const char* xdg = std::getenv("XDG_CONFIG_HOME");  // NOLINT(concurrency-mt-unsafe)
-  if (xdg != nullptr && xdg[0] == '/') return xdg;
-  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
-  if (home == nullptr || home[0] == '\0') {
-    struct passwd pw {};
-    struct passwd* found = nullptr;
-    char buffer[4096];
-    if (getpwuid_r(getuid(), &pw, buffer, sizeof buffer, &found) == 0 && found != nullptr) {
-      return std::string(found->pw_dir) + "/.config";
-    }
-    return "/tmp/.config";
-  }
-  return std::string(home) + "/.config";
-}
 
 enum class ReadState { kMissing, kRead, kUnreadable };
 
@@ -125,7 +108,7 @@ UserDefaults& UserDefaults::standardUserDefaults() {
 UserDefaults::UserDefaults(std::string suiteName) : suiteName_(std::move(suiteName)) {}
 
 std::string UserDefaults::pathOfSuite(const std::string& name) {
-  return configFolder() + "/" + name + ".plist";
+  return Environment::current()->configFolder + "/" + name + ".plist";
 }
 
 Value::Dictionary UserDefaults::persistentDomainForName(const std::string& name) {

@@ -3,20 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "Platform/DispatchQueues.h"
+#include "Platform/Environment.h"
 #include "Platform/Log.h"
 #include "Services/JsonBody.h"
 #include "Services/Reachability/Reachability.h"
 #include "Services/ServicesUtilities.h"
 
 namespace {
-
-std::atomic<double> gTimeout{60};
 
 URLSession::DelegateQueue mainOperationQueue() {
   return [](Scheduler::Work work) { DispatchQueues::shared().dispatchMain(std::move(work)); };
@@ -29,10 +26,10 @@ std::string lastPathComponent(const std::string& path) {
   return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
 }
 
-std::string homeDirectory() {
-  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
-  return home != nullptr ? home : "/";
-}
+std::string homeDirectory() { return Environment::current()->homeFolder; }
+
+// The JSON exchanges' time-out, 60 seconds unless a test has shortened it.
+double timeout() { return Environment::current()->requestTimeout; }
 
 // A request dictionary's value as header text; nullopt when absent.
 std::optional<std::string> headerValue(const RestConnector::Params& params, const char* key) {
@@ -55,8 +52,6 @@ std::shared_ptr<RestConnector> RestConnector::create() {
   return std::shared_ptr<RestConnector>(new RestConnector());
 }
 
-void RestConnector::setTimeoutForTesting(double seconds) { gTimeout.store(seconds); }
-
 std::optional<std::string> RestConnector::getAbsoluteURL(const std::string& path) {
   std::string url = ServicesUtilities::baseURL() + path;
   if (!URLRequest::isValidURL(url)) return std::nullopt;
@@ -75,8 +70,8 @@ void RestConnector::configSessionForData() {
   configuration.HTTPAdditionalHeaders = {{"Accept", "application/json"},
                                          {"Content-Type", "application/json"}};
   configuration.allowsCellularAccess = true;
-  configuration.timeoutIntervalForRequest = gTimeout.load();
-  configuration.timeoutIntervalForResource = gTimeout.load();
+  configuration.timeoutIntervalForRequest = timeout();
+  configuration.timeoutIntervalForResource = timeout();
   configuration.HTTPMaximumConnectionsPerHost = 1;
   replaceSession(std::move(configuration));
 }
@@ -89,8 +84,8 @@ void RestConnector::configSessionForUpload() {
 
 void RestConnector::configSessionForDownload() {
   URLSessionConfiguration configuration = URLSessionConfiguration::defaultSessionConfiguration();
-  configuration.timeoutIntervalForRequest = gTimeout.load();
-  configuration.timeoutIntervalForResource = gTimeout.load();
+  configuration.timeoutIntervalForRequest = timeout();
+  configuration.timeoutIntervalForResource = timeout();
   replaceSession(std::move(configuration));
 }
 
@@ -112,7 +107,7 @@ void RestConnector::setTask(std::shared_ptr<URLSessionTask> task) {
 URLRequest RestConnector::jsonRequest(const std::string& path, std::string body) {
   URLRequest request;
   request.url = getAbsoluteURL(path).value_or("");
-  request.timeoutInterval = gTimeout.load();
+  request.timeoutInterval = timeout();
   request.setValueForHTTPHeaderField(std::to_string(body.size()), "Content-Length");
   request.addValueForHTTPHeaderField("application/json", "Content-Type");
   request.httpMethod = "POST";
@@ -263,7 +258,7 @@ void RestConnector::startAsyncUploadWithStreamRequest(const std::string& path, c
 
   URLRequest request;
   request.url = url;
-  request.timeoutInterval = gTimeout.load();
+  request.timeoutInterval = timeout();
   request.httpMethod = "POST";
   request.setValueForHTTPHeaderField("application/octet-stream", "Content-Type");
   if (filePath) request.setValueForHTTPHeaderField(*filePath, "FilePath");

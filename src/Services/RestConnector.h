@@ -34,9 +34,6 @@ class RestConnector : public URLSessionDelegate,
 
   static std::shared_ptr<RestConnector> create();
 
-  // Tests only: the request and session time-outs, 60 seconds otherwise.
-  static void setTimeoutForTesting(double seconds);
-
   void configSessionForData();
   void configSessionForUpload();
   void configSessionForDownload();

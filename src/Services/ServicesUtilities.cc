@@ -6,15 +6,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Environment.h"
 #include "Platform/PathNames.h"
 
 std::optional<double> ServicesUtilities::appKitVersionNumber() {
-  const char* text = std::getenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe)
-  if (text == nullptr || *text == '\0') return std::nullopt;
-  char* end = nullptr;
-  double version = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(version)) return std::nullopt;
-  return version;
+  return Environment::current()->appKitVersionNumber;
 }
 
 bool ServicesUtilities::is10_7() {
@@ -29,10 +25,7 @@ bool ServicesUtilities::isLessThan10_10() {
   return floored >= 1138.0 && floored < 1343.0;
 }
 
-std::string ServicesUtilities::baseURL() {
-  const char* configured = std::getenv("TALLOWBOX_BASE_URL");  // NOLINT(concurrency-mt-unsafe)
-  return configured != nullptr && *configured != '\0' ? configured : TALLOWBOX_DEFAULT_BASE_URL;
-}
+std::string ServicesUtilities::baseURL() { return Environment::current()->baseURL; }
 
 std::string ServicesUtilities::convertPathToMac(const std::string& path) {
   std::string local = "/" + path;

@@ -3,11 +3,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
+#include "Platform/Environment.h"
 #include "Platform/Log.h"
 #include "Platform/PathNames.h"
 #include "Platform/Readings.h"
@@ -25,10 +25,7 @@ bool exists(const std::string& path) {
   return fs::exists(fs::symlink_status(path, error));
 }
 
-std::string documentsFolder() {
-  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
-  return std::string(home == nullptr ? "" : home) + "/Documents";
-}
+std::string documentsFolder() { return Environment::current()->homeFolder + "/Documents"; }
 
 }  // namespace
 

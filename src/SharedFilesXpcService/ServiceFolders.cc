@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "Platform/Environment.h"
 #include "Platform/ValueError.h"
 
 namespace fs = std::filesystem;
@@ -36,12 +37,7 @@ std::string ServiceFolders::productFolder(const Value::Dictionary& iAppsPrefs) {
   return *folder->string() + "/Tallowbox";
 }
 
-std::string ServiceFolders::temporaryDirectory() {
-  const char* configured = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
-  std::string folder = configured != nullptr && *configured != '\0' ? configured : "/tmp";
-  if (folder.back() != '/') folder += '/';
-  return folder;
-}
+std::string ServiceFolders::temporaryDirectory() { return Environment::current()->temporaryFolder; }
 
 std::string ServiceFolders::downloadFolder() { return temporaryDirectory() + "TallowboxTemp"; }
 

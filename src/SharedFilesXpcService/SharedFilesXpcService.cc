@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "Platform/Environment.h"
 #include "Platform/Log.h"
 #include "Platform/Readings.h"
 #include "Platform/UserDefaults.h"
@@ -15,9 +16,6 @@
 #include "SharedFilesXpcService/SharedFilesList.h"
 
 namespace {
-
-std::atomic<std::chrono::nanoseconds::rep> gCyclePeriod{
-    SharedFilesXpcService::kCyclePeriod.count()};
 
 // A server value as a predicate argument.
 Predicate::Argument argumentFor(const WireValue& value) {
@@ -41,14 +39,6 @@ void setBlocked(Value::Array& list, const Value::Array& entries, const char* blo
 }
 
 }  // namespace
-
-std::chrono::nanoseconds SharedFilesXpcService::cyclePeriod() {
-  return std::chrono::nanoseconds(gCyclePeriod.load(std::memory_order_relaxed));
-}
-
-void SharedFilesXpcService::setCyclePeriodForTesting(std::chrono::nanoseconds period) {
-  gCyclePeriod.store(period.count(), std::memory_order_relaxed);
-}
 
 std::shared_ptr<SharedFilesXpcService> SharedFilesXpcService::create(Scheduler& scheduler) {
   return std::shared_ptr<SharedFilesXpcService>(new SharedFilesXpcService(scheduler));
@@ -84,7 +74,7 @@ void SharedFilesXpcService::startSharedFileToTransfer() {
                    int status) { self->transferDataArrived(result, status); });
   }
 
-  scheduler_.dispatchAfter(cyclePeriod(),
+  scheduler_.dispatchAfter(Environment::current()->cyclePeriod,
                            [self = shared_from_this()] { self->startSharedFileToTransfer(); });
 }
 

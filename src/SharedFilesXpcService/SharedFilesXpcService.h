@@ -33,13 +33,6 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
                               public ReceiveFileFromTransferDelegate,
                               public std::enable_shared_from_this<SharedFilesXpcService> {
  public:
-  // The period of the transfer cycle.
-  static constexpr std::chrono::nanoseconds kCyclePeriod{2'000'000'000};
-  // kCyclePeriod unless a test has shortened it.
-  static std::chrono::nanoseconds cyclePeriod();
-  // Tests only: the period every later step waits for.
-  static void setCyclePeriodForTesting(std::chrono::nanoseconds period);
-
   // Cycle steps run on `scheduler`'s background queue.
   static std::shared_ptr<SharedFilesXpcService> create(
       Scheduler& scheduler = DispatchQueues::shared());
@@ -48,7 +41,8 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   void SharedFile() override;
   // Clears both pass flags (the server query failed).
   void unLockService();
-  // One step of the cycle; always schedules the next one a cycle period later.
+  // One step of the cycle; always schedules the next one a cycle period (two
+  // seconds, Environment::cyclePeriod) later.
   // When neither pass flag is set it sets both and asks the server what is
   // pending; the reply's owner computers and folder states are processed at once,
   // its files to send and receive are handed to the two handlers' passes, and

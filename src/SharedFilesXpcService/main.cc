@@ -1,6 +1,3 @@
-#include <charconv>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -10,27 +7,6 @@
 #include "SharedFilesXpcService/ServiceDelegate.h"
 #include "SharedFilesXpcService/ServiceListener.h"
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
-
-namespace {
-
-// Tests of the whole process shorten the cycle through
-// TALLOWBOX_TEST_CYCLE_PERIOD_MS (a whole number of milliseconds above 0); any
-// other value is ignored and the cycle keeps its period.
-void applyTestCyclePeriod() {
-  const char* text =
-      std::getenv("TALLOWBOX_TEST_CYCLE_PERIOD_MS");  // NOLINT(concurrency-mt-unsafe)
-  if (text == nullptr) return;
-  long milliseconds = 0;
-  const char* end = text + std::strlen(text);
-  auto [stop, error] = std::from_chars(text, end, milliseconds);
-  if (error != std::errc() || stop != end || milliseconds <= 0) {
-    std::cerr << "SharedFilesXpcService: ignored TALLOWBOX_TEST_CYCLE_PERIOD_MS=" << text << "\n";
-    return;
-  }
-  SharedFilesXpcService::setCyclePeriodForTesting(std::chrono::milliseconds(milliseconds));
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
@@ -42,7 +18,6 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  applyTestCyclePeriod();
   ServiceDelegate delegate;
   ServiceListener listener;
   listener.setDelegate(&delegate);

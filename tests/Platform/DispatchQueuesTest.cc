@@ -10,6 +10,7 @@
 
 #include "Platform/Log.h"
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 using namespace std::chrono_literals;
@@ -132,8 +133,10 @@ TEST(DispatchQueuesTest, ExceptionEscapingWorkIsLoggedAndTheQueuesGoOn) {
 // the handlers' threads; this runs them all at once for the race detector.
 TEST(DispatchQueuesTest, CycleChainsAndNotifiesFromManyThreadsShareTheServiceSafely) {
   TemporaryFolder folder;
-  ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-  SharedFilesXpcService::setCyclePeriodForTesting(1ms);
+  ScopedEnvironment environment([&](Environment& e) {
+    e.configFolder = folder.path();
+    e.cyclePeriod = 1ms;
+  });
   {
     DispatchQueues queues(4);
     auto service = SharedFilesXpcService::create(queues);
@@ -156,5 +159,4 @@ TEST(DispatchQueuesTest, CycleChainsAndNotifiesFromManyThreadsShareTheServiceSaf
     }
     ASSERT_TRUE(done.wait());
   }
-  SharedFilesXpcService::setCyclePeriodForTesting(2s);
 }

@@ -8,6 +8,7 @@
 
 #include "Platform/CurlEngine.h"
 #include "Platform/DispatchQueues.h"
+#include "Platform/Environment.h"
 #include "ReferenceServer.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
@@ -247,7 +248,7 @@ TEST_F(URLSessionTest, TransportFailuresMapToThePlatformCodes) {
   ASSERT_TRUE(unsupported.error);
   EXPECT_EQ(unsupported.error->code(), -1002);
 
-  CurlEngine::injectFailureForTesting(-1);
+  Environment::injectTransferFailure(-1);
   Outcome injected = runData(post("Echo"));
   ASSERT_TRUE(injected.error);
   EXPECT_EQ(injected.error->code(), -1);

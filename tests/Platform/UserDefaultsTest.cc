@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +16,9 @@
 
 #include "Platform/Log.h"
 #include "Platform/ValueError.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -62,8 +65,10 @@ const char* kSuiteXml = R"(<?xml version="1.0" encoding="UTF-8"?>
 
 class UserDefaultsTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.configFolder = folder.path(); });
   }
   void TearDown() override { Log::setCapture(nullptr); }
 
@@ -167,25 +172,32 @@ TEST_F(UserDefaultsTest, ValuesAPropertyListCannotHoldAreRefusedAndNothingIsWrit
 
 TEST_F(UserDefaultsTest, WriterKilledInAStormOfStoresNeverLeavesATornFile) {
   std::string suite = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
+  std::string config = "XDG_CONFIG_HOME=" + folder.path().string();
+  char* childEnvironment[] = {config.data(), nullptr};
+  auto inodeOfSuite = [&] {
+    struct stat st {};
+    return ::stat(suite.c_str(), &st) == 0 ? st.st_ino : 0;
+  };
   std::mt19937 random(20261121);
   int readsDuringStorm = 0;
   for (int round = 0; round < 25; ++round) {
+    const ino_t before = inodeOfSuite();
     pid_t pid = 0;
     char* argv[] = {const_cast<char*>(PREFERENCE_STORM), nullptr};
-    ASSERT_EQ(::posix_spawn(&pid, PREFERENCE_STORM, nullptr, nullptr, argv, environ), 0);
+    ASSERT_EQ(::posix_spawn(&pid, PREFERENCE_STORM, nullptr, nullptr, argv, childEnvironment), 0);
+    // Every store replaces the file, so a new inode is this writer's first store.
+    ASSERT_TRUE(waitUntil([&] { return inodeOfSuite() != before; }, std::chrono::seconds(60)))
+        << "the writer never stored";
     auto until = std::chrono::steady_clock::now() +
                  std::chrono::milliseconds(std::uniform_int_distribution<int>(5, 60)(random));
     while (std::chrono::steady_clock::now() < until) {
-      if (::access(suite.c_str(), F_OK) == 0) {
-        std::optional<Value> list =
-            UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey");
-        ASSERT_TRUE(list && list->array() != nullptr) << "reader saw a torn suite";
-        ++readsDuringStorm;
-      }
+      std::optional<Value> list =
+          UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey");
+      ASSERT_TRUE(list && list->array() != nullptr) << "reader saw a torn suite";
+      ++readsDuringStorm;
     }
     ::kill(pid, SIGKILL);
     ::waitpid(pid, nullptr, 0);
-    if (::access(suite.c_str(), F_OK) != 0) continue;  // killed before its first store
     std::optional<Value> list =
         UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey");
     ASSERT_TRUE(list && list->array() != nullptr && !list->array()->empty()) << "round " << round;

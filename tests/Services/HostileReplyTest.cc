@@ -7,6 +7,7 @@
 #include "Services/RestConnector.h"
 #include "support/FixedReachability.h"
 #include "support/RawReplyServer.h"
+#include "support/ScopedEnvironment.h"
 
 using namespace std::chrono_literals;
 
@@ -14,15 +15,12 @@ namespace {
 
 class HostileReplyTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
-    ::setenv("TALLOWBOX_BASE_URL", peer.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    RestConnector::setTimeoutForTesting(2);
+    environment.update([&](Environment& e) { e.baseURL = peer.baseURL(); });
+    environment.update([](Environment& e) { e.requestTimeout = 2; });
   }
-  void TearDown() override {
-    RestConnector::setTimeoutForTesting(60);
-    Reachability::setFlagsSourceForTesting(nullptr);
-  }
-
   int statusFor(const std::string& reply) {
     peer.setReply(reply);
     std::promise<int> status;

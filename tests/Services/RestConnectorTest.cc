@@ -14,6 +14,7 @@
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
 #include "support/MainQueue.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -31,16 +32,13 @@ struct Report {
 
 class RestConnectorTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     server.start();
-    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    ::setenv("HOME", home.path().c_str(), 1);                     // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
+    environment.update([&](Environment& e) { e.homeFolder = home.path(); });
   }
-  void TearDown() override {
-    Reachability::setFlagsSourceForTesting(nullptr);
-    RestConnector::setTimeoutForTesting(60);
-  }
-
   // Runs one JSON exchange and waits for its report.
   Report exchange(const std::string& path, const RestConnector::Params& params) {
     std::promise<Report> promise;
@@ -139,7 +137,7 @@ TEST_F(RestConnectorTest, TransportFailuresGiveStatus2WithThePlatformError) {
   EXPECT_EQ(dropped.status, 2);
   EXPECT_EQ(errorCode(dropped.result), -1005);
 
-  RestConnector::setTimeoutForTesting(1);
+  environment.update([](Environment& e) { e.requestTimeout = 1; });
   Report timedOut = exchange("Slow", RestConnector::Params::object());
   EXPECT_EQ(timedOut.status, 2);
   EXPECT_EQ(errorCode(timedOut.result), -1001);
@@ -153,7 +151,7 @@ TEST_F(RestConnectorTest, TransportFailuresGiveStatus2WithThePlatformError) {
 TEST_F(RestConnectorTest, UnknownPlatformErrorNeverCallsFinished) {
   LogCapture log;
   std::atomic<bool> called{false};
-  CurlEngine::injectFailureForTesting(-1);
+  Environment::injectTransferFailure(-1);
   auto connector = RestConnector::create();
   connector->startAsyncTask("Any", RestConnector::Params::object(), nullptr,
                             [&](const ConnectorResult&, int) { called = true; });
@@ -301,7 +299,8 @@ TEST_F(RestConnectorTest, WithoutNetworkEveryStartReportsStatus1AtOnceAndMakesNo
 }
 
 TEST(RestConnectorUrlTest, AbsoluteUrlIsTheBaseAndThePathJoinedUnescaped) {
-  ::setenv("TALLOWBOX_BASE_URL", "http://127.0.0.1:1/TallowboxRestService/", 1);  // NOLINT
+  ScopedEnvironment environment(
+      [](Environment& e) { e.baseURL = "http://127.0.0.1:1/TallowboxRestService/"; });
   EXPECT_EQ(
       RestConnector::getAbsoluteURL("MAC/SharedFiles.svc/GetSharedFilesTransferData"),
       "http://127.0.0.1:1/TallowboxRestService/MAC/SharedFiles.svc/GetSharedFilesTransferData");

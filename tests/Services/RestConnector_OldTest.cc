@@ -11,6 +11,7 @@
 #include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
+#include "support/ScopedEnvironment.h"
 #include "support/WaitUntil.h"
 
 using namespace std::chrono_literals;
@@ -27,11 +28,12 @@ struct Report {
 
 class RestConnector_OldTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     server.start();
-    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
   }
-  void TearDown() override { Reachability::setFlagsSourceForTesting(nullptr); }
 
   Report exchange(const std::string& path, const RestConnector_Old::Params& params) {
     std::promise<Report> promise;
@@ -109,7 +111,7 @@ TEST_F(RestConnector_OldTest, TheQueuesLastOperationIsCancelledAfterTheHandler) 
 TEST_F(RestConnector_OldTest, UnknownPlatformErrorNeverCallsFinished) {
   LogCapture log;
   std::atomic<bool> called{false};
-  CurlEngine::injectFailureForTesting(-1);
+  Environment::injectTransferFailure(-1);
   auto connector = RestConnector_Old::create();
   connector->startAsyncTask("X", RestConnector_Old::Params::object(), nullptr,
                             [&](const ConnectorResult&, int) { called = true; });

@@ -13,6 +13,7 @@
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
 #include "support/MainQueue.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 using namespace std::chrono_literals;
@@ -429,17 +430,14 @@ json cannedReply(const Fields& fields) {
 
 class RestInterfaceTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     server.start();
-    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    ::setenv("HOME", home.path().c_str(), 1);                     // NOLINT(concurrency-mt-unsafe)
-    ::unsetenv("TALLOWBOX_APPKIT_VERSION");                       // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
+    environment.update([&](Environment& e) { e.homeFolder = home.path(); });
+    environment.update([](Environment& e) { e.appKitVersionNumber = std::nullopt; });
   }
-  void TearDown() override {
-    ::unsetenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe)
-    Reachability::setFlagsSourceForTesting(nullptr);
-  }
-
   std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
   ReferenceServer server;
   TemporaryFolder home;
@@ -597,7 +595,7 @@ TEST_F(RestInterfaceTest, TransportFailuresReachTheHandlerUnparsedAndMinusOneNev
 
   LogCapture log;
   bool called = false;
-  CurlEngine::injectFailureForTesting(-1);
+  Environment::injectTransferFailure(-1);
   RestInterface::asyncUpdateFileExist(
       makeQuery<UpdateFileExistQuery>(true),
       [&](const OperationResult<UpdateFileExistResponseData>&, int) { called = true; });
@@ -732,11 +730,11 @@ TEST_F(RestInterfaceTest, StreamOperationsUploadAndAnswerRawBytesOnCurrentHosts)
 
 TEST_F(RestInterfaceTest, OlderHostsUseTheLegacyConnectorAndSkipTheStreamOperations) {
   for (const char* version : {"1137.9", "1343"}) {
-    ::setenv("TALLOWBOX_APPKIT_VERSION", version, 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.appKitVersionNumber = std::stod(version); });
     EXPECT_FALSE(RestInterface::isLessThan10_10()) << version;
   }
   for (const char* version : {"1138", "1342.99"}) {
-    ::setenv("TALLOWBOX_APPKIT_VERSION", version, 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.appKitVersionNumber = std::stod(version); });
     EXPECT_TRUE(RestInterface::isLessThan10_10()) << version;
   }
 

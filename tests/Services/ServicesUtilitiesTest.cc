@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "support/ScopedEnvironment.h"
+
 namespace {
 
 struct Answer {
@@ -11,12 +13,16 @@ struct Answer {
   bool isLessThan10_10;
 };
 
+// The answers with TALLOWBOX_APPKIT_VERSION set to `version` (unset for nullptr),
+// read as the process reads its environment.
 Answer withVersion(const char* version) {
   if (version == nullptr) {
-    ::unsetenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe)
+    ::unsetenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe): one thread
   } else {
     ::setenv("TALLOWBOX_APPKIT_VERSION", version, 1);  // NOLINT(concurrency-mt-unsafe)
   }
+  ScopedEnvironment environment([](Environment& e) { e = Environment::fromProcess(); });
+  ::unsetenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe)
   return {ServicesUtilities::is10_7(), ServicesUtilities::isLessThan10_10()};
 }
 
@@ -40,5 +46,4 @@ TEST(ServicesUtilitiesTest, UnsetOrUnreadableVersionIsACurrentSystem) {
     EXPECT_FALSE(answer.is10_7) << (version ? version : "unset");
     EXPECT_FALSE(answer.isLessThan10_10) << (version ? version : "unset");
   }
-  ::unsetenv("TALLOWBOX_APPKIT_VERSION");  // NOLINT(concurrency-mt-unsafe)
 }

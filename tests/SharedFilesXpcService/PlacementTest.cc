@@ -11,6 +11,7 @@
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
 #include "support/LogCapture.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 namespace fs = std::filesystem;
@@ -55,8 +56,10 @@ TEST(PlacementTest, TakenFileIsCopiedToTheFirstFreeNumberedNameBesideIt) {
 
 class ReceiveHandlerTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
-    ::setenv("XDG_CONFIG_HOME", config.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.configFolder = config.path(); });
   }
   TemporaryFolder config;
   TemporaryFolder folder;
@@ -114,7 +117,7 @@ TEST_F(ReceiveHandlerTest, ReceivedEntryIsAppendedAndItsFileNumberRecordedLater)
 }
 
 TEST_F(ReceiveHandlerTest, ClearTempEmptiesOnlyTheNamedDownloadFolder) {
-  ::setenv("TMPDIR", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  environment.update([&](Environment& e) { e.temporaryFolder = std::string(folder.path()) + "/"; });
   fs::create_directories(folder.path() / "TallowboxTemp" / "88" / "part");
   std::ofstream(folder.path() / "TallowboxTemp" / "88" / "a.bin") << "a";
   std::ofstream(folder.path() / "TallowboxTemp" / "keep.bin") << "k";
@@ -125,7 +128,6 @@ TEST_F(ReceiveHandlerTest, ClearTempEmptiesOnlyTheNamedDownloadFolder) {
   EXPECT_THROW(handler.clearTemp("/no/download/folder"), std::runtime_error);
   EXPECT_THROW(handler.clearTemp("/x/TallowboxTemp/../.."), std::runtime_error);
   EXPECT_TRUE(fs::exists(folder.path() / "TallowboxTemp" / "keep.bin"));
-  ::unsetenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
 }
 
 }  // namespace

@@ -9,27 +9,27 @@
 #include "support/FixedReachability.h"
 #include "support/ManualScheduler.h"
 #include "support/PrivateBus.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
 
 class ServiceListenerTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     // The server refuses every query, so a querying cycle stays stalled.
     server.script("MAC/SharedFiles.svc/GetSharedFilesTransferData",
                   ReferenceServer::json({{"ReturnStatus", "1"}}));
     server.start();
-    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);        // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
+    environment.update([&](Environment& e) { e.configFolder = folder.path(); });
     bus.makeSessionBus();
     listener.setDelegate(&delegate);
     listener.resumeInBackground();
   }
-  void TearDown() override {
-    listener.stop();
-    Reachability::setFlagsSourceForTesting(nullptr);
-  }
+  void TearDown() override { listener.stop(); }
 
   struct Peer {
     std::unique_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();

@@ -15,6 +15,7 @@
 #include "SharedFilesXpcService/SharedFilesList.h"
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -29,13 +30,15 @@ constexpr auto kPeriod = 250ms;
 
 class ServiceProcessTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     fs::create_directories(home());
     fs::create_directories(root.path() / "tmp");
     fs::create_directories(root.path() / "config");
     server.start();
     // This process reads and seeds the same preference files as the service.
-    ::setenv("XDG_CONFIG_HOME", root.file("config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.configFolder = root.file("config"); });
     UserDefaults application("Quentara.Tallowbox");
     application.setObject("C1", "computerIdKey");
     application.setObject("U1", "userIdKey");

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "Platform/ValueError.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -18,8 +19,10 @@ Value entry(const std::string& ownerFileId, const std::string& blocked) {
 
 class SharedFilesListTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.configFolder = folder.path(); });
   }
   TemporaryFolder folder;
   UserDefaults& defaults = UserDefaults::standardUserDefaults();

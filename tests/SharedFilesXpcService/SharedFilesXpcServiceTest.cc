@@ -7,6 +7,7 @@
 #include "ReferenceServer.h"
 #include "support/FixedReachability.h"
 #include "support/ManualScheduler.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 using std::chrono::nanoseconds;
@@ -15,21 +16,21 @@ namespace {
 
 class SharedFilesXpcServiceTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     // The server refuses every query, so a querying cycle stays stalled and these
     // tests see the timer alone.
     server.script("MAC/SharedFiles.svc/GetSharedFilesTransferData",
                   ReferenceServer::json({{"ReturnStatus", "1"}}));
     server.start();
-    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);        // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
+    environment.update([&](Environment& e) { e.configFolder = folder.path(); });
     std::ofstream(folder.file("Quentara.Tallowbox.plist"))
         << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
            "<key>computerIdKey</key><string>C1</string>"
            "<key>userIdKey</key><string>U1</string></dict></plist>";
   }
-
-  void TearDown() override { Reachability::setFlagsSourceForTesting(nullptr); }
 
   std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
   ReferenceServer server;
@@ -118,10 +119,9 @@ TEST_F(SharedFilesXpcServiceTest, SecondSharedFileStartsASecondChainOnTheSameObj
 }
 
 TEST_F(SharedFilesXpcServiceTest, PeriodIsTwoSecondsUnlessATestShortensIt) {
-  EXPECT_EQ(SharedFilesXpcService::cyclePeriod(), nanoseconds(2'000'000'000));
-  SharedFilesXpcService::setCyclePeriodForTesting(std::chrono::milliseconds(50));
+  EXPECT_EQ(Environment::current()->cyclePeriod, nanoseconds(2'000'000'000));
+  environment.update([](Environment& e) { e.cyclePeriod = std::chrono::milliseconds(50); });
   auto service = SharedFilesXpcService::create(scheduler);
   service->SharedFile();
   EXPECT_EQ(scheduler.pendingDelays(), std::vector<nanoseconds>{nanoseconds(50'000'000)});
-  SharedFilesXpcService::setCyclePeriodForTesting(SharedFilesXpcService::kCyclePeriod);
 }

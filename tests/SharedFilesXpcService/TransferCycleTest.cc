@@ -16,6 +16,7 @@
 #include "support/LogCapture.h"
 #include "support/MainQueue.h"
 #include "support/ManualScheduler.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -31,23 +32,21 @@ constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
 // reference server answering its queries.
 class TransferCycleTest : public ::testing::Test {
  protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
   void SetUp() override {
     fs::create_directories(home());
     fs::create_directories(root.path() / "tmp");
     server.start();
-    ::setenv("TALLOWBOX_BASE_URL", server.baseURL().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    ::setenv("XDG_CONFIG_HOME", root.file("config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    ::setenv("TMPDIR", root.file("tmp").c_str(), 1);              // NOLINT(concurrency-mt-unsafe)
+    environment.update([&](Environment& e) { e.baseURL = server.baseURL(); });
+    environment.update([&](Environment& e) { e.configFolder = root.file("config"); });
+    environment.update(
+        [&](Environment& e) { e.temporaryFolder = std::string(root.file("tmp")) + "/"; });
     Value::Dictionary prefs{
         {"computerIdKey", "C1"}, {"userIdKey", "U1"}, {"tallowboxPathKey", Value(home().string())}};
     UserDefaults application("Quentara.Tallowbox");
     for (const auto& [key, value] : prefs) application.setObject(value, key);
   }
-  void TearDown() override {
-    Reachability::setFlagsSourceForTesting(nullptr);
-    ::unsetenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
-  }
-
   fs::path home() const { return root.path() / "home"; }
   fs::path product() const { return home() / "Tallowbox"; }
 

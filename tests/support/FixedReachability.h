@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "Platform/Environment.h"
 #include "Services/Reachability/Reachability.h"
 
 // Answers fixed reachability flags for as long as it lives.
@@ -11,7 +12,9 @@ class FixedReachability : public ReachabilityFlagsSource {
  public:
   static std::shared_ptr<FixedReachability> install(std::optional<std::uint32_t> flags) {
     auto source = std::make_shared<FixedReachability>(flags);
-    Reachability::setFlagsSourceForTesting(source);
+    Environment changed = *Environment::current();
+    changed.reachabilityFlags = source;
+    Environment::replace(std::move(changed));
     return source;
   }
   explicit FixedReachability(std::optional<std::uint32_t> flags) : flags_(flags) {}

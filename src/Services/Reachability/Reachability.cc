@@ -6,16 +6,17 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Platform/Environment.h"
 #include "Platform/NetlinkRoutes.h"
 #include "Platform/NotificationCenter.h"
 
 namespace {
 
-std::mutex gSourceMutex;
-std::shared_ptr<ReachabilityFlagsSource>& sourceSlot() {
-  static auto* slot =
+// Never destroyed: questions may still come from other threads while the process exits.
+const std::shared_ptr<ReachabilityFlagsSource>& routingTable() {
+  static auto* routes =
       new std::shared_ptr<ReachabilityFlagsSource>(std::make_shared<NetlinkRoutes>());
-  return *slot;
+  return *routes;
 }
 
 // Kept for its call sites; prints nothing.
@@ -24,13 +25,8 @@ void PrintReachabilityFlags(std::uint32_t /*flags*/, const char* /*comment*/) {}
 }  // namespace
 
 std::shared_ptr<ReachabilityFlagsSource> Reachability::flagsSource() {
-  std::lock_guard lock(gSourceMutex);
-  return sourceSlot();
-}
-
-void Reachability::setFlagsSourceForTesting(std::shared_ptr<ReachabilityFlagsSource> source) {
-  std::lock_guard lock(gSourceMutex);
-  sourceSlot() = source ? std::move(source) : std::make_shared<NetlinkRoutes>();
+  std::shared_ptr<ReachabilityFlagsSource> replaced = Environment::current()->reachabilityFlags;
+  return replaced ? replaced : routingTable();
 }
 
 std::shared_ptr<Reachability> Reachability::reachabilityWithHostName(const std::string& hostName) {

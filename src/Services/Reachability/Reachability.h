@@ -54,10 +54,9 @@ class Reachability {
   int networkStatusForFlags(std::uint32_t flags) const;
   int localWiFiStatusForFlags(std::uint32_t flags) const;
 
-  // Where every flags question goes; tests replace it (nullptr restores the
-  // routing table).
+  // Where every flags question goes: the environment's source, else the routing
+  // table.
   static std::shared_ptr<ReachabilityFlagsSource> flagsSource();
-  static void setFlagsSourceForTesting(std::shared_ptr<ReachabilityFlagsSource> source);
 
  private:
   explicit Reachability(std::optional<ReachabilityTarget> target)

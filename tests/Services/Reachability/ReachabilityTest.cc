@@ -5,6 +5,7 @@
 
 #include "Platform/NotificationCenter.h"
 #include "Services/NetWorkConnectionStatus.h"
+#include "support/ScopedEnvironment.h"
 
 namespace {
 
@@ -25,10 +26,9 @@ struct Answers {
 };
 
 Answers withFlags(std::optional<std::uint32_t> flags) {
-  Reachability::setFlagsSourceForTesting(std::make_shared<FixedFlags>(flags));
-  Answers answers{Reachability::isReachable(), NetWorkConnectionStatus::ConectionStatus()};
-  Reachability::setFlagsSourceForTesting(nullptr);
-  return answers;
+  ScopedEnvironment environment(
+      [&](Environment& e) { e.reachabilityFlags = std::make_shared<FixedFlags>(flags); });
+  return {Reachability::isReachable(), NetWorkConnectionStatus::ConectionStatus()};
 }
 
 }  // namespace
@@ -70,14 +70,15 @@ TEST(ReachabilityTest, LocalWiFiNeedsADirectRouteAndConnectionRequiredReadsTheFl
   EXPECT_EQ(wifi->localWiFiStatusForFlags(0x2), 0);
   EXPECT_EQ(wifi->localWiFiStatusForFlags(0x2 | 0x20000), 1);
   EXPECT_EQ(wifi->localWiFiStatusForFlags(0x20000), 0);
-  Reachability::setFlagsSourceForTesting(std::make_shared<FixedFlags>(0x2 | 0x4));
+  ScopedEnvironment environment(
+      [](Environment& e) { e.reachabilityFlags = std::make_shared<FixedFlags>(0x2 | 0x4); });
   EXPECT_EQ(wifi->currentReachabilityStatus(), 0);
   EXPECT_TRUE(wifi->connectionRequired());
   auto internet = Reachability::reachabilityForInternetConnection();
   EXPECT_EQ(internet->currentReachabilityStatus(), 0);
-  Reachability::setFlagsSourceForTesting(std::make_shared<FixedFlags>(std::nullopt));
+  environment.update(
+      [](Environment& e) { e.reachabilityFlags = std::make_shared<FixedFlags>(std::nullopt); });
   EXPECT_FALSE(internet->connectionRequired());
-  Reachability::setFlagsSourceForTesting(nullptr);
 }
 
 TEST(ReachabilityTest, TargetsThatCannotBeWatchedGiveNothing) {

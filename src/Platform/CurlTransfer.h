@@ -1,0 +1,35 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/InputStream.h"
+
+// What the engine keeps for one running transfer of a URLSessionTask. Only the
+// engine thread touches it; only the engine and the task's destructor see this
+// header, so libcurl stays out of every other one.
+struct CurlTransfer {
+  CURL* easy = nullptr;
+  curl_slist* headerList = nullptr;
+  std::string received;      // the answer so far, for tasks with a completion handler
+  std::string downloadPath;  // download tasks: the temporary file
+  int downloadFd = -1;
+  std::shared_ptr<InputStream> body;
+  std::int64_t bodyLength = -1;
+  std::int64_t bytesSent = 0;
+  // Header fields of the answer being received (a new one after an interim answer
+  // or a redirect starts afresh).
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string hostKey;  // scheme, host and port: what the per-host limit counts
+  std::chrono::milliseconds requestTimeout{60000};
+  std::chrono::steady_clock::time_point lastActivity;
+  curl_off_t bytesMoved = 0;
+  bool timedOut = false;
+  bool answerTooLong = false;
+};
