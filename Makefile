@@ -57,7 +57,7 @@ fuzz: deps
 	cmake --build $(FUZZ_BUILD) -j$(JOBS)
 	mkdir -p $(FUZZ_BUILD)/corpus
 	$(FUZZ_BUILD)/reply_parser_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
-	  -rss_limit_mb=2048 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
+	  -rss_limit_mb=2048 -max_len=4194304 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
 
 # What a cycle costs against its period; targets are in bench/CycleBench.cc.
 bench: build

@@ -397,15 +397,19 @@ void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, lon
   waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), task), waiting_.end());
   std::string data;
   std::string downloadPath;
-  if (std::unique_ptr<CurlTransfer> transfer = std::move(task->transfer_)) {
-    if (transfer->easy != nullptr) {
-      active_.erase(transfer->easy);
+  if (task->transfer_) {
+    CurlTransfer& transfer = *task->transfer_;
+    if (transfer.easy != nullptr) {
+      active_.erase(transfer.easy);
       activeCount_.store(active_.size());
-      curl_multi_remove_handle(multi_, transfer->easy);
-      curl_easy_cleanup(transfer->easy);
+      // libcurl may still call back while the handle is removed: the transfer
+      // record stays in place until it is done.
+      curl_multi_remove_handle(multi_, transfer.easy);
+      curl_easy_cleanup(transfer.easy);
+      transfer.easy = nullptr;
       // A place is free: the first waiting transfer of the same session and host starts.
       auto next = std::find_if(waiting_.begin(), waiting_.end(), [&](const auto& other) {
-        return other->session_ == task->session_ && other->transfer_->hostKey == transfer->hostKey;
+        return other->session_ == task->session_ && other->transfer_->hostKey == transfer.hostKey;
       });
       if (next != waiting_.end()) {
         std::shared_ptr<URLSessionTask> starting = *next;
@@ -413,11 +417,12 @@ void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, lon
         begin(starting);
       }
     }
-    curl_slist_free_all(transfer->headerList);
-    if (transfer->downloadFd >= 0) ::close(transfer->downloadFd);
-    downloadPath = transfer->downloadPath;
-    data = task->kind_ == URLSessionTask::Kind::kDownload ? transfer->downloadPath
-                                                          : std::move(transfer->received);
+    curl_slist_free_all(transfer.headerList);
+    if (transfer.downloadFd >= 0) ::close(transfer.downloadFd);
+    downloadPath = transfer.downloadPath;
+    data = task->kind_ == URLSessionTask::Kind::kDownload ? transfer.downloadPath
+                                                          : std::move(transfer.received);
+    task->transfer_.reset();
   }
 
   if (long injected = Environment::takeInjectedTransferFailure(); injected != 0) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -36,7 +37,21 @@ void Log::setCapture(Sink sink) {
   state().capture = sink ? std::make_shared<Sink>(std::move(sink)) : nullptr;
 }
 
-void Log::line(const std::string& text) {
+namespace {
+
+// `text` cut to kMaximumLineLength bytes, ending in "…", at a character's start.
+std::string cut(const std::string& text) {
+  static constexpr std::string_view kEllipsis = "\u2026";
+  std::size_t keep = Log::kMaximumLineLength - kEllipsis.size();
+  // Back off continuation bytes so no character is split.
+  while (keep > 0 && (static_cast<unsigned char>(text[keep]) & 0xC0U) == 0x80U) --keep;
+  return text.substr(0, keep) + std::string(kEllipsis);
+}
+
+}  // namespace
+
+void Log::line(const std::string& whole) {
+  const std::string& text = whole.size() > kMaximumLineLength ? cut(whole) : whole;
   std::shared_ptr<Sink> capture;
   {
     std::lock_guard lock(state().mutex);

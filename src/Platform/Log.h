@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -10,6 +11,10 @@
 // Thread-safe.
 class Log {
  public:
+  // The longest line, in bytes: a longer one is cut to end in "…" within it, as
+  // system logs cut long lines too.
+  static constexpr std::size_t kMaximumLineLength = 4096;
+
   using Sink = std::function<void(const std::string& line)>;
 
   // Also writes every line to standard error (the --log-stderr option).

@@ -2,9 +2,12 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <memory>
+#include <vector>
 
 #include "Platform/ValueError.h"
 
@@ -25,7 +28,7 @@ std::string takeString(char* text) {
 }
 
 std::optional<Value> fromNode(plist_t node, int depth) {
-  if (node == nullptr || depth > 512) return std::nullopt;
+  if (node == nullptr || depth > PropertyList::kMaximumDepth) return std::nullopt;
   switch (plist_get_node_type(node)) {
     case PLIST_STRING: {
       char* text = nullptr;
@@ -151,6 +154,7 @@ PlistPtr toNode(const Value& value) {
     }
     case Value::Kind::kFileHandle:
     case Value::Kind::kUuid:
+    case Value::Kind::kNull:
       break;
   }
   throw ValueError("A " + std::string(value.kindName()) + " cannot be stored in a property list");
@@ -158,8 +162,171 @@ PlistPtr toNode(const Value& value) {
 
 }  // namespace
 
+// libplist parses and frees nested values by recursion, and checks a binary
+// list's nesting in time that grows with its square: a deep file would end the
+// process or stall it. So the nesting is measured first, without recursion, and a
+// deeper file is refused before libplist sees it.
+namespace {
+
+constexpr std::string_view kBinaryMagic = "bplist00";
+
+std::size_t skipPast(std::string_view text, std::size_t from, std::string_view marker) {
+  std::size_t at = text.find(marker, from);
+  return at == std::string_view::npos ? at : at + marker.size();
+}
+
+// Elements open at once, counted as libplist reads tags: processing
+// instructions, comments, character data and declarations hold none; "/>" closes
+// its own tag. Counting errs on the deep side, never the shallow one.
+bool xmlWithinDepth(std::string_view xml, int limit) {
+  int depth = 0;
+  std::size_t at = 0;
+  while ((at = xml.find('<', at)) != std::string_view::npos) {
+    std::string_view rest = xml.substr(at);
+    std::size_t next = 0;
+    if (rest.starts_with("<?")) {
+      next = skipPast(xml, at + 2, "?>");
+    } else if (rest.starts_with("<!--")) {
+      next = skipPast(xml, at + 4, "-->");
+    } else if (rest.starts_with("<![CDATA[")) {
+      next = skipPast(xml, at + 9, "]]>");
+    } else if (rest.starts_with("<!")) {
+      next = skipPast(xml, at + 2, ">");
+    } else if (rest.starts_with("</")) {
+      depth = std::max(0, depth - 1);
+      next = skipPast(xml, at + 2, ">");
+    } else {
+      std::size_t end = xml.find_first_of("<>", at + 1);
+      if (end == std::string_view::npos) return true;  // unterminated: libplist refuses it
+      if (xml[end] == '>' && xml[end - 1] != '/' && ++depth > limit) return false;
+      next = xml[end] == '>' ? end + 1 : end;
+    }
+    if (next == std::string_view::npos) return true;  // unterminated: libplist refuses it
+    at = next;
+  }
+  return true;
+}
+
+// The binary layout: objects, an offset table, and a 32-byte trailer giving the
+// offsets' and references' widths, the object count, the top object and where
+// the table starts. Arrays (0xA), sets (0xC) and dictionaries (0xD) hold
+// references; their count is the marker's low nibble, or an integer object
+// after it when that is 0xF. Heights are worked out once per object, depth
+// first with a stack of our own; a cycle or a reference out of range is refused.
+class BinaryNesting {
+ public:
+  explicit BinaryNesting(std::string_view bytes)
+      : bytes_(reinterpret_cast<const unsigned char*>(bytes.data())), size_(bytes.size()) {}
+
+  bool withinDepth(int limit) {
+    if (size_ < kBinaryMagic.size() + 32) return false;
+    const std::size_t trailer = size_ - 32;
+    offsetWidth_ = bytes_[trailer + 6];
+    referenceWidth_ = bytes_[trailer + 7];
+    std::uint64_t top = 0;
+    if (!number(trailer + 8, 8, count_) || !number(trailer + 16, 8, top) ||
+        !number(trailer + 24, 8, table_) || count_ == 0 || top >= count_ || offsetWidth_ == 0 ||
+        referenceWidth_ == 0 || table_ > size_ || count_ > (size_ - table_) / offsetWidth_) {
+      return false;
+    }
+    // 0: not yet seen; kOnStack: being walked; otherwise the object's height.
+    std::vector<std::uint8_t> heights(count_, 0);
+    struct Frame {
+      std::uint64_t object;
+      std::size_t references;
+      std::uint64_t count;
+      std::uint64_t next = 0;
+      std::uint8_t highest = 0;
+    };
+    std::vector<Frame> stack;
+    auto enter = [&](std::uint64_t object) -> bool {
+      Frame frame{object, 0, 0};
+      if (!children(object, frame.references, frame.count)) return false;
+      if (frame.count == 0) {
+        heights[object] = 1;
+        if (!stack.empty()) stack.back().highest = std::max<std::uint8_t>(stack.back().highest, 1);
+        return true;
+      }
+      if (static_cast<int>(stack.size()) >= limit) return false;
+      heights[object] = kOnStack;
+      stack.push_back(frame);
+      return true;
+    };
+    if (!enter(top)) return false;
+    while (!stack.empty()) {
+      Frame& frame = stack.back();
+      if (frame.next < frame.count) {
+        std::uint64_t child = 0;
+        if (!number(frame.references + frame.next++ * referenceWidth_, referenceWidth_, child) ||
+            child >= count_ || heights[child] == kOnStack) {
+          return false;
+        }
+        if (heights[child] != 0) {
+          frame.highest = std::max(frame.highest, heights[child]);
+        } else if (!enter(child)) {
+          return false;
+        }
+        continue;
+      }
+      auto height = static_cast<std::uint8_t>(frame.highest + 1);
+      heights[frame.object] = height;
+      stack.pop_back();
+      if (!stack.empty()) stack.back().highest = std::max(stack.back().highest, height);
+    }
+    return true;
+  }
+
+ private:
+  static constexpr std::uint8_t kOnStack = 255;
+
+  bool number(std::uint64_t at, std::size_t width, std::uint64_t& value) const {
+    if (width == 0 || width > 8 || at > size_ || width > size_ - at) return false;
+    value = 0;
+    for (std::size_t i = 0; i < width; ++i) value = (value << 8U) | bytes_[at + i];
+    return true;
+  }
+
+  // Where `object`'s references start and how many it holds (0 for a leaf).
+  bool children(std::uint64_t object, std::size_t& references, std::uint64_t& count) const {
+    std::uint64_t at = 0;
+    if (!number(table_ + object * offsetWidth_, offsetWidth_, at) || at >= size_) return false;
+    const unsigned type = bytes_[at] >> 4U;
+    count = 0;
+    if (type != 0xA && type != 0xC && type != 0xD) return true;
+    count = bytes_[at] & 0x0FU;
+    references = at + 1;
+    if (count == 0x0F) {
+      if (references >= size_ || (bytes_[references] >> 4U) != 0x1) return false;
+      std::size_t width = std::size_t{1} << (bytes_[references] & 0x0FU);
+      if (!number(references + 1, width, count)) return false;
+      references += 1 + width;
+    }
+    if (type == 0xD) {
+      if (count > std::numeric_limits<std::uint64_t>::max() / 2) return false;
+      count *= 2;  // keys, then values
+    }
+    return count <= (size_ - references) / referenceWidth_;
+  }
+
+  const unsigned char* bytes_;
+  std::size_t size_;
+  std::size_t offsetWidth_ = 0;
+  std::size_t referenceWidth_ = 0;
+  std::uint64_t count_ = 0;
+  std::uint64_t table_ = 0;
+};
+
+}  // namespace
+
+bool PropertyList::withinDepth(std::string_view bytes) {
+  if (bytes.starts_with(kBinaryMagic)) return BinaryNesting(bytes).withinDepth(kMaximumDepth);
+  // Elements count the "plist" around the value and each key and leaf as well.
+  return xmlWithinDepth(bytes, kMaximumDepth + 2);
+}
+
 std::optional<Value> PropertyList::parse(std::string_view bytes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+  if (!withinDepth(bytes)) return std::nullopt;
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
   PlistPtr owner(root);

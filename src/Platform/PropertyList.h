@@ -10,8 +10,16 @@
 // lists; writes XML.
 class PropertyList {
  public:
-  // The value held by `bytes`, or nullopt when they are not a property list.
+  // The deepest nesting of arrays and dictionaries read. A preference suite
+  // needs four levels; anything past this bound is read as no property list.
+  static constexpr int kMaximumDepth = 128;
+
+  // The value held by `bytes`, or nullopt when they are not a property list or
+  // nest deeper than kMaximumDepth.
   static std::optional<Value> parse(std::string_view bytes);
+  // Whether `bytes` nest no deeper than kMaximumDepth, measured without
+  // recursion and in time that grows with their length only.
+  static bool withinDepth(std::string_view bytes);
   // The XML property list of `value`. Throws ValueError for kinds a property list
   // cannot hold (file handles, UUIDs).
   static std::string xml(const Value& value);

@@ -104,9 +104,41 @@ std::optional<nlohmann::json> Readings::requestValue(const Value* value) {
   return std::nullopt;
 }
 
+Value Readings::objectValue(const nlohmann::json& value) {
+  switch (value.type()) {
+    case nlohmann::json::value_t::null:
+      return Value(Value::Null{});
+    case nlohmann::json::value_t::array: {
+      Value::Array array;
+      array.reserve(value.size());
+      for (const nlohmann::json& element : value) array.push_back(objectValue(element));
+      return Value(std::move(array));
+    }
+    case nlohmann::json::value_t::object: {
+      Value::Dictionary dictionary;
+      for (const auto& [key, element] : value.items())
+        dictionary.emplace(key, objectValue(element));
+      return Value(std::move(dictionary));
+    }
+    default:
+      return listValue(value);
+  }
+}
+
+std::optional<Value> Readings::objectValue(const std::optional<nlohmann::json>& value) {
+  if (!value) return std::nullopt;
+  return objectValue(*value);
+}
+
 Value Readings::listValue(const std::optional<nlohmann::json>& value) {
   if (!value) throw ValueError("an absent value cannot be put into a list entry");
   const nlohmann::json& j = *value;
+  if (j.is_string() && j.get_ref<const std::string&>().find('\0') != std::string::npos) {
+    throw ValueError("text holding U+0000 cannot be kept exactly in a list entry");
+  }
+  if (j.is_number_unsigned() && j.get<std::uint64_t>() > static_cast<std::uint64_t>(kMax)) {
+    throw ValueError("the integer " + j.dump() + " cannot be kept exactly in a list entry");
+  }
   switch (j.type()) {
     case nlohmann::json::value_t::string:
       return j.get<std::string>();
@@ -125,7 +157,12 @@ Value Readings::listValue(const std::optional<nlohmann::json>& value) {
 
 std::string Readings::formatted(const std::optional<nlohmann::json>& value) {
   if (!value) return "(null)";
-  if (value->is_string()) return value->get<std::string>();
+  if (value->is_null()) return "<null>";
+  if (value->is_string()) {
+    const std::string& text = value->get_ref<const std::string&>();
+    if (text.find('\0') != std::string::npos) throw ValueError("text holding U+0000 names no path");
+    return text;
+  }
   if (value->is_number() || value->is_boolean()) return value->dump();
   throw ValueError(std::string("a JSON ") + value->type_name() + " has no text to show");
 }

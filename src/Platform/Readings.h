@@ -34,12 +34,21 @@ class Readings {
   // A preference value as it goes into a server request: a string or number as it
   // is; absent for nothing and for kinds a request does not carry.
   static std::optional<nlohmann::json> requestValue(const Value* value);
+  // A server value as the platform's object it decodes to: a string, a number,
+  // the null object, an array or a dictionary; absent stays absent. As a
+  // predicate argument, the null object, an array or a dictionary equals no
+  // entry's text.
+  static Value objectValue(const nlohmann::json& value);
+  static std::optional<Value> objectValue(const std::optional<nlohmann::json>& value);
   // A server value as it goes into a preference list: a string or number as it
   // is. Throws ValueError for an absent value (it cannot be put into a
-  // collection) and for JSON null, arrays and objects.
+  // collection), for JSON null, arrays and objects, and for a value the
+  // preference file would not give back exactly (text holding U+0000, an
+  // integer of 2^63 or more).
   static Value listValue(const std::optional<nlohmann::json>& value);
   // The text a value shows when formatted into a path or a log line with "%@":
-  // a string as it is, a number as its decimal text, "(null)" when absent.
-  // Throws ValueError for other kinds.
+  // a string as it is, a number as its decimal text, "<null>" for JSON null and
+  // "(null)" when absent. Throws ValueError for arrays and objects, and for text
+  // holding U+0000, which no path can hold.
   static std::string formatted(const std::optional<nlohmann::json>& value);
 };

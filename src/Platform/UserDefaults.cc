@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <set>
 #include <system_error>
@@ -26,21 +27,35 @@ std::system_error systemError(const std::string& what, const std::string& path) 
   return {errno, std::generic_category(), what + " " + path};
 }
 
-// Reads the whole file; nullopt when it does not exist.
+// The largest suite read. A shared-files list of some hundreds of entries takes
+// tens of kilobytes; a larger file is unreadable rather than a cost to every read.
+constexpr off_t kMaximumSuiteSize = 16 << 20;
+
+// Reads the whole file; nullopt when it does not exist. Only a regular file is
+// read: a FIFO, a device or a folder at the suite's path is unreadable, and
+// opening never waits for a writer.
 std::optional<std::string> readFile(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
     throw systemError("Cannot open", path);
   }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaximumSuiteSize) {
+    bool regular = S_ISREG(st.st_mode);
+    ::close(fd);
+    throw std::system_error(regular ? EFBIG : EINVAL, std::generic_category(),
+                            (regular ? "Too large: " : "Not a regular file: ") + path);
+  }
   std::string bytes;
+  bytes.reserve(static_cast<std::size_t>(st.st_size));
   char buffer[65536];
   for (;;) {
     ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
+    if (n < 0 || bytes.size() + static_cast<std::size_t>(n) > kMaximumSuiteSize) {
       ::close(fd);
-      throw systemError("Cannot read", path);
+      throw systemError(n < 0 ? "Cannot read" : "Too large:", path);
     }
     if (n == 0) break;
     bytes.append(buffer, static_cast<std::size_t>(n));
@@ -146,8 +161,14 @@ void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
   if (created) throw std::system_error(created, "Cannot create " + folder);
   // What cannot be read is kept aside, never overwritten.
   if (keepAside) {
-    const std::string aside = path + ".corrupt";
-    if (::rename(path.c_str(), aside.c_str()) != 0) throw systemError("Cannot keep aside", path);
+    // Never over an earlier file kept aside: the first free of ".corrupt",
+    // ".corrupt.1", ...
+    std::string aside = path + ".corrupt";
+    for (int n = 1;
+         ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) != 0; ++n) {
+      if (errno != EEXIST || n > 1000) throw systemError("Cannot keep aside", path);
+      aside = path + ".corrupt." + std::to_string(n);
+    }
     Log::printf("Preferences %s kept aside as %s", path.c_str(), aside.c_str());
   }
 

@@ -30,6 +30,8 @@ std::string_view Value::kindName() const {
       return "file handle";
     case Kind::kUuid:
       return "UUID";
+    case Kind::kNull:
+      return "null";
   }
   return "value";
 }

@@ -13,8 +13,9 @@
 
 // One value of the kinds that travel through preference suites and the legacy
 // message bridge: string, number, data, date, array, dictionary, file handle and
-// UUID. An absent value ("nil") is never a Value: it is a null `const Value*` or an
-// empty std::optional<Value>.
+// UUID; and the null object, which a decoded server value can be (JSON null) but
+// no preference file can hold. An absent value ("nil") is never a Value: it is a null `const
+// Value*` or an empty std::optional<Value>.
 //
 // Equality follows the platform's isEqual: numbers compare by numeric value
 // (true == 1 == 1.0), a number never equals a string, file handles are equal only
@@ -33,8 +34,21 @@ class Value {
   using Dictionary = std::map<std::string, Value, std::less<>>;
   using Handle = std::shared_ptr<const FileHandle>;
   using Uuid = std::array<std::uint8_t, 16>;
+  struct Null {
+    bool operator==(const Null&) const = default;
+  };
 
-  enum class Kind { kString, kNumber, kData, kDate, kArray, kDictionary, kFileHandle, kUuid };
+  enum class Kind {
+    kString,
+    kNumber,
+    kData,
+    kDate,
+    kArray,
+    kDictionary,
+    kFileHandle,
+    kUuid,
+    kNull
+  };
 
   Value() : storage_(std::string()) {}
   Value(std::string text) : storage_(std::move(text)) {}             // NOLINT: implicit by design
@@ -47,6 +61,7 @@ class Value {
   Value(Dictionary dictionary) : storage_(std::move(dictionary)) {}  // NOLINT
   Value(Handle handle) : storage_(std::move(handle)) {}              // NOLINT
   Value(Uuid uuid) : storage_(uuid) {}                               // NOLINT
+  Value(Null null) : storage_(null) {}                               // NOLINT
 
   static Value boolean(bool b) { return Value(Number(b)); }
   static Value integer(std::int64_t i) { return Value(Number(i)); }
@@ -70,6 +85,7 @@ class Value {
   Dictionary* mutableDictionary() { return std::get_if<Dictionary>(&storage_); }
   const Handle* fileHandle() const { return std::get_if<Handle>(&storage_); }
   const Uuid* uuid() const { return std::get_if<Uuid>(&storage_); }
+  bool isNull() const { return std::holds_alternative<Null>(storage_); }
 
   // Dictionary lookup as a message to the dictionary: the value under `key`, or
   // nullptr when there is none. Throws ValueError when this is not a dictionary.
@@ -81,5 +97,5 @@ class Value {
   bool operator==(const Value& other) const;
 
  private:
-  std::variant<std::string, Number, Data, Date, Array, Dictionary, Handle, Uuid> storage_;
+  std::variant<std::string, Number, Data, Date, Array, Dictionary, Handle, Uuid, Null> storage_;
 };

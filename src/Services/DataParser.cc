@@ -289,8 +289,10 @@ UpdateBSFileDeleteResponseData DataParser::parseUpdateBSFileDeleteResponseData(c
 std::vector<SyncFilesInTableAndCloudResponseData>
 DataParser::parseSyncFilesInTableAndCloudResponseData(const Reply& reply) {
   // The reply goes through JSON text and back first; a failure on either way
-  // leaves nothing to enumerate.
-  std::string text = reply.dump(2, ' ', false, Reply::error_handler_t::replace);
+  // leaves nothing to enumerate. The text never leaves this function, so it is
+  // written compact: the same values as pretty-printed, at a cost bounded by the
+  // reply's own size.
+  std::string text = reply.dump(-1, ' ', false, Reply::error_handler_t::replace);
   Reply again = Reply::parse(text, nullptr, false);
   std::vector<SyncFilesInTableAndCloudResponseData> records;
   if (again.is_discarded()) return records;

@@ -153,7 +153,7 @@ void RestConnector::reportJsonAnswer(const std::string& data,
     return;
   }
   nlohmann::json object = std::get<nlohmann::json>(std::move(decoded));
-  Log::printf("response %s", object.dump(2).c_str());
+  Log::line("response " + JsonBody::describe(object));
   finished(std::move(object), ConnectorStatusSuccess);
 }
 

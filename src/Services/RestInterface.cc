@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "Platform/Log.h"
+#include "Services/JsonBody.h"
 #include "Services/RestConnector_Old.h"
 #include "Services/ServicesUtilities.h"
 
@@ -39,8 +40,7 @@ bool RestInterface::isLessThan10_10() { return ServicesUtilities::isLessThan10_1
 void RestInterface::logBody(const char* prefix, const Body& body) {
   if (prefix == nullptr) return;
   // A body that cannot be encoded still gets its line; the transport reports it.
-  std::string text = body.dump(2, ' ', false, Body::error_handler_t::replace);
-  Log::line(prefix + text);
+  Log::line(prefix + JsonBody::describe(body));
 }
 
 void RestInterface::startJsonExchange(const std::string& path, const Body& body,
@@ -81,7 +81,7 @@ void RestInterface::startUpload(const Body& body,
 }
 
 PlatformError RestInterface::parseFailure(const std::exception& exception) {
-  return {"NSInvalidArgumentException", 0,
+  return {kReplyShapeErrorDomain, 0,
           std::string("The answer is not the operation's reply: ") + exception.what()};
 }
 

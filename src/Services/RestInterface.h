@@ -45,6 +45,11 @@ class RestInterface {
   using ExchangeFinished =
       std::function<void(const std::string& transport, const ConnectorResult& result, int status)>;
 
+  // The error domain of status 5 for a reply that decoded but is not its
+  // operation's reply (a list that is no list, an element that is no object):
+  // where the platform's own parser would have raised.
+  static constexpr const char* kReplyShapeErrorDomain = "NSInvalidArgumentException";
+
   // Whether this host uses the legacy transport (AppKit 1138 to 1342).
   static bool isLessThan10_10();
 

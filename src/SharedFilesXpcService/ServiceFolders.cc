@@ -1,7 +1,6 @@
 #include "SharedFilesXpcService/ServiceFolders.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 
@@ -25,6 +24,23 @@ fs::path resolved(const fs::path& path) {
   return error ? path.lexically_normal() : canonical;
 }
 
+// Whether `path` names `folder` or something below it: the part below must not
+// climb (a ".." after a link on disk could lead anywhere), and what it resolves
+// to must stay below the folder. The folder itself, which the user chose, may be
+// written with ".." and is normalised first; a relative one is refused.
+bool inside(const std::string& path, const std::string& folder) {
+  if (path.compare(0, folder.size(), folder) != 0) return false;
+  if (path.size() > folder.size() && path[folder.size()] != '/') return false;
+  fs::path anchor = fs::path(folder).lexically_normal();
+  if (!anchor.is_absolute()) return false;
+  fs::path below = fs::path(path.substr(folder.size())).relative_path();
+  for (const fs::path& component : below) {
+    if (component == "..") return false;
+  }
+  fs::path anchorOnDisk = resolved(anchor);
+  return within(resolved(anchor / below), anchorOnDisk);
+}
+
 }  // namespace
 
 std::string ServiceFolders::productFolder(const Value::Dictionary& iAppsPrefs) {
@@ -42,14 +58,6 @@ std::string ServiceFolders::temporaryDirectory() { return Environment::current()
 std::string ServiceFolders::downloadFolder() { return temporaryDirectory() + "TallowboxTemp"; }
 
 void ServiceFolders::checkInside(const std::string& path, const Value::Dictionary& iAppsPrefs) {
-  fs::path wanted(path);
-  bool climbs = false;
-  for (const fs::path& component : wanted) climbs = climbs || component == "..";
-  fs::path target = resolved(wanted);
-  if (!climbs && wanted.is_absolute() &&
-      (within(target, resolved(productFolder(iAppsPrefs))) ||
-       within(target, resolved(downloadFolder())))) {
-    return;
-  }
+  if (inside(path, productFolder(iAppsPrefs)) || inside(path, downloadFolder())) return;
   throw std::runtime_error("refused to write outside the product and download folders: " + path);
 }

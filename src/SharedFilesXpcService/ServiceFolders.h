@@ -16,8 +16,10 @@ class ServiceFolders {
   static std::string temporaryDirectory();
   static std::string downloadFolder();
 
-  // Throws std::runtime_error unless `path` lies inside one of the two folders:
-  // it may not hold ".." components, and what it resolves to through links
-  // already on disk must stay inside as well.
+  // Throws std::runtime_error unless `path` is one of the two folders or lies
+  // inside one: the part below the folder may not hold ".." components, and what
+  // it resolves to through links already on disk must stay inside as well. The
+  // folder itself may be written with ".."; a relative one (an absent
+  // "tallowboxPathKey" reads "(null)") is refused.
   static void checkInside(const std::string& path, const Value::Dictionary& iAppsPrefs);
 };

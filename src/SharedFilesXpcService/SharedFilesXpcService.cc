@@ -9,6 +9,7 @@
 #include "Platform/Readings.h"
 #include "Platform/UserDefaults.h"
 #include "Platform/ValueError.h"
+#include "Services/JsonBody.h"
 #include "Services/RestInterface.h"
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ErrorLogReport.h"
@@ -17,17 +18,18 @@
 
 namespace {
 
-// A server value as a predicate argument.
-Predicate::Argument argumentFor(const WireValue& value) {
-  if (!value) return std::nullopt;
-  return Readings::listValue(value);
-}
+// A server value as a predicate argument: JSON null, an array or an object
+// matches no entry's text.
+Predicate::Argument argumentFor(const WireValue& value) { return Readings::objectValue(value); }
 
-// The number of "/"-separated components of an entry's "FileName".
+// The number of "/"-separated components of an entry's "FileName"; 0 without
+// one, as the count of nothing is. Throws ValueError when the entry is not a
+// dictionary or its "FileName" is not text.
 std::size_t depthOf(const Value& entry) {
   const Value* name = entry.objectForKey("FileName");
-  if (name == nullptr || name->string() == nullptr) {
-    throw ValueError("a shared-files entry has no FileName text");
+  if (name == nullptr) return 0;
+  if (name->string() == nullptr) {
+    throw ValueError("a shared-files entry's FileName is a " + std::string(name->kindName()));
   }
   return static_cast<std::size_t>(std::count(name->string()->begin(), name->string()->end(), '/')) +
          1;
@@ -78,8 +80,18 @@ void SharedFilesXpcService::startSharedFileToTransfer() {
                            [self = shared_from_this()] { self->startSharedFileToTransfer(); });
 }
 
+void SharedFilesXpcService::restartAfterUnreadableReply(const std::string& why) {
+  Log::printf("Dropped a pending-work reply: %s", why.c_str());
+  unLockService();
+}
+
 void SharedFilesXpcService::transferDataArrived(
     const OperationResult<GetSharedFilesTransferDataResponseData>& result, int status) {
+  if (const auto* error = std::get_if<PlatformError>(&result.transportResult);
+      error != nullptr && error->domain() == RestInterface::kReplyShapeErrorDomain) {
+    restartAfterUnreadableReply(error->localizedDescription());
+    return;
+  }
   if (status != 0 || !result.record) {
     unLockService();
     return;
@@ -90,9 +102,7 @@ void SharedFilesXpcService::transferDataArrived(
     // SharedFile again; the timer keeps firing but sends nothing.
     if (Readings::integerValue(data.ReturnStatus) != 0) return;
   } catch (const ValueError& error) {
-    // No integer at all: as unreadable as a reply that is not JSON.
-    Log::printf("Dropped a pending-work reply: %s", error.what());
-    unLockService();
+    restartAfterUnreadableReply(error.what());
     return;
   }
   Log::printf("owner finished %lu", static_cast<unsigned long>(data.OwnerComputersArray.size()));
@@ -178,39 +188,53 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
     } else if (!roots.empty()) {
       setBlocked(list, roots, "0");
     } else {
-      const std::string productFolder = ServiceFolders::productFolder(prefs);
-      const std::string wanted =
-          productFolder + "/" + Readings::formatted(owner.nickName) + " (Shared)";
-      ServiceFolders::checkInside(wanted, prefs);
-      const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
-      std::error_code error;
-      if (!std::filesystem::exists(std::filesystem::symlink_status(free, error))) {
-        std::filesystem::create_directories(free, error);
+      try {
+        list.emplace_back(newRootFolder(owner, prefs));
+      } catch (const ValueError& refused) {
+        // A root entry the list could not give back exactly would never match
+        // again, and every cycle would make another folder: refused before any
+        // effect, this owner computer only.
+        Log::printf("Refused the shared folder of owner computer %s: %s",
+                    owner.userComputerMapId ? JsonBody::describe(*owner.userComputerMapId).c_str()
+                                            : "(null)",
+                    refused.what());
       }
-      // kept: the entry names the wanted path and its file number even when a
-      // folder of that name existed and the free path differs; it then names
-      // the older folder.
-      Value::Dictionary entry;
-      entry["OwnerFileID"] = "0";
-      entry["UserComputerMapID"] = Readings::listValue(owner.userComputerMapId);
-      entry["FileName"] = wanted;
-      entry["IsFile"] = "0";
-      entry["MyFile"] = "0";
-      entry["SavedFileID"] = "";
-      // kept: a new root entry holds the status as received ("1", blocked) and is
-      // unblocked by the next cycle.
-      entry["Blocked"] = Readings::listValue(owner.status);
-      entry["DeleteKey"] = "0";
-      struct stat attributes {};
-      if (::lstat(wanted.c_str(), &attributes) == 0) {
-        entry["FileID"] = std::to_string(attributes.st_ino);
-      }
-      list.emplace_back(std::move(entry));
     }
   }
   setSharedFilesDefaultsArray(list);
   SharedFilesList::store(defaults, list);
   defaults.synchronize();
+}
+
+Value SharedFilesXpcService::newRootFolder(const OwnerComputers& owner,
+                                           const Value::Dictionary& prefs) {
+  const std::string productFolder = ServiceFolders::productFolder(prefs);
+  const std::string wanted =
+      productFolder + "/" + Readings::formatted(owner.nickName) + " (Shared)";
+  Value::Dictionary entry;
+  entry["OwnerFileID"] = "0";
+  entry["UserComputerMapID"] = Readings::listValue(owner.userComputerMapId);
+  entry["FileName"] = wanted;
+  entry["IsFile"] = "0";
+  entry["MyFile"] = "0";
+  entry["SavedFileID"] = "";
+  // kept: a new root entry holds the status as received ("1", blocked) and is
+  // unblocked by the next cycle.
+  entry["Blocked"] = Readings::listValue(owner.status);
+  entry["DeleteKey"] = "0";
+
+  ServiceFolders::checkInside(wanted, prefs);
+  const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
+  std::error_code error;
+  if (!std::filesystem::exists(std::filesystem::symlink_status(free, error))) {
+    std::filesystem::create_directories(free, error);
+  }
+  // kept: the entry names the wanted path and its file number even when a folder
+  // of that name existed and the free path differs; it then names the older one.
+  struct stat attributes {};
+  if (::lstat(wanted.c_str(), &attributes) == 0)
+    entry["FileID"] = std::to_string(attributes.st_ino);
+  return Value(std::move(entry));
 }
 
 void SharedFilesXpcService::ProcessSharedFoldersWithStatus(

@@ -61,6 +61,14 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   // the list once per such folder.
   void ProcessSharedFoldersWithStatus(const std::vector<SharedfoldersWithStatus>& folders);
 
+  // What replaces a crash. Where a reply cannot be handled at all (its
+  // "ReturnStatus" has no integer value, or it is not of its operation's shape),
+  // the platform would have ended the process, and the application's next call
+  // would have found both pass flags clear in a new one. The service instead
+  // clears both flags itself, as if started again, and says why in one log
+  // line; the next step queries afresh.
+  void restartAfterUnreadableReply(const std::string& why);
+
   // Reports `exception` to the server's error log as the service's own.
   void logErrorMethod(const std::exception& exception);
 
@@ -83,6 +91,9 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   // The completion of the pending-work query.
   void transferDataArrived(const OperationResult<GetSharedFilesTransferDataResponseData>& result,
                            int status);
+  // Makes the root folder of `owner` and returns its new list entry. Throws
+  // ValueError, before making anything, when the entry would not be kept exactly.
+  static Value newRootFolder(const OwnerComputers& owner, const Value::Dictionary& prefs);
   std::shared_ptr<SendFileToTransferHandler> sendHandler();
   std::shared_ptr<ReceiveFileFromTransferHandler> receiveHandler();
 

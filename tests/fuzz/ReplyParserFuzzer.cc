@@ -1,4 +1,5 @@
-// Feeds arbitrary answers through the transport's decoding and every reply parser.
+// Feeds arbitrary answers through the transport's decoding, its log rendering and
+// every reply parser.
 // A parser must give a record or throw std::invalid_argument; anything else (a
 // crash, another exception, undefined behaviour) is a finding.
 #include <cstddef>
@@ -27,6 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto decoded = JsonBody::decode(std::string(reinterpret_cast<const char*>(data), size));
   const auto* reply = std::get_if<nlohmann::json>(&decoded);
   if (reply == nullptr) return 0;
+  // What a log line shows of it stays within a line, however large the reply.
+  if (JsonBody::describe(*reply).size() > 4097) __builtin_trap();
   using P = DataParser;
   tryParser(&P::parseGetSharedFilesTransferDataResponseData, *reply);
   tryParser(&P::parseSyncFilesInTableAndCloudResponseData, *reply);
