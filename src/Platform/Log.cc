@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -15,7 +16,8 @@ namespace {
 struct LogState {
   std::mutex mutex;
   bool toStandardError = false;
-  std::shared_ptr<Log::Sink> capture;
+  std::map<std::uint64_t, std::shared_ptr<Log::Sink>> captures;
+  std::uint64_t nextCapture = 1;
   bool opened = false;
 };
 
@@ -32,9 +34,16 @@ void Log::enableStandardError(bool enabled) {
   state().toStandardError = enabled;
 }
 
-void Log::setCapture(Sink sink) {
+std::uint64_t Log::addCapture(Sink sink) {
   std::lock_guard lock(state().mutex);
-  state().capture = sink ? std::make_shared<Sink>(std::move(sink)) : nullptr;
+  std::uint64_t number = state().nextCapture++;
+  state().captures.emplace(number, std::make_shared<Sink>(std::move(sink)));
+  return number;
+}
+
+void Log::removeCapture(std::uint64_t capture) {
+  std::lock_guard lock(state().mutex);
+  state().captures.erase(capture);
 }
 
 namespace {
@@ -51,8 +60,8 @@ std::string cut(const std::string& text) {
 }  // namespace
 
 void Log::line(const std::string& whole) {
-  const std::string& text = whole.size() > kMaximumLineLength ? cut(whole) : whole;
-  std::shared_ptr<Sink> capture;
+  const std::string text = whole.size() > kMaximumLineLength ? cut(whole) : whole;
+  std::vector<std::shared_ptr<Sink>> captures;
   {
     std::lock_guard lock(state().mutex);
     if (!state().opened) {
@@ -64,9 +73,9 @@ void Log::line(const std::string& whole) {
       std::fprintf(stderr, "%s\n", text.c_str());  // NOLINT(cert-err33-c): nothing to do on failure
       std::fflush(stderr);                         // NOLINT(cert-err33-c)
     }
-    capture = state().capture;
+    for (const auto& [number, sink] : state().captures) captures.push_back(sink);
   }
-  if (capture) (*capture)(text);
+  for (const auto& sink : captures) (*sink)(text);
 }
 
 void Log::printf(const char* format, ...) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -24,7 +25,8 @@ class Log {
   // printf-style formatting of a fixed text.
   static void printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-  // Tests: every line is also handed to `sink` (an empty function removes it).
-  // The sink is called outside the facility's lock.
-  static void setCapture(Sink sink);
+  // Tests: every line is also handed to `sink`, until removeCapture with the
+  // number this returns. Sinks are called outside the facility's lock.
+  static std::uint64_t addCapture(Sink sink);
+  static void removeCapture(std::uint64_t capture);
 };

@@ -241,13 +241,14 @@ class BinaryNesting {
     std::vector<Frame> stack;
     auto enter = [&](std::uint64_t object) -> bool {
       Frame frame{object, 0, 0};
-      if (!children(object, frame.references, frame.count)) return false;
+      bool container = false;
+      if (!children(object, container, frame.references, frame.count)) return false;
+      if (container && static_cast<int>(stack.size()) >= limit) return false;
       if (frame.count == 0) {
         heights[object] = 1;
         if (!stack.empty()) stack.back().highest = std::max<std::uint8_t>(stack.back().highest, 1);
         return true;
       }
-      if (static_cast<int>(stack.size()) >= limit) return false;
       heights[object] = kOnStack;
       stack.push_back(frame);
       return true;
@@ -286,13 +287,16 @@ class BinaryNesting {
     return true;
   }
 
-  // Where `object`'s references start and how many it holds (0 for a leaf).
-  bool children(std::uint64_t object, std::size_t& references, std::uint64_t& count) const {
+  // Whether `object` is a container, where its references start and how many it
+  // holds (0 for a leaf).
+  bool children(std::uint64_t object, bool& container, std::size_t& references,
+                std::uint64_t& count) const {
     std::uint64_t at = 0;
     if (!number(table_ + object * offsetWidth_, offsetWidth_, at) || at >= size_) return false;
     const unsigned type = bytes_[at] >> 4U;
     count = 0;
-    if (type != 0xA && type != 0xC && type != 0xD) return true;
+    container = type == 0xA || type == 0xC || type == 0xD;
+    if (!container) return true;
     count = bytes_[at] & 0x0FU;
     references = at + 1;
     if (count == 0x0F) {

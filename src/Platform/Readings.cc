@@ -104,25 +104,42 @@ std::optional<nlohmann::json> Readings::requestValue(const Value* value) {
   return std::nullopt;
 }
 
-Value Readings::objectValue(const nlohmann::json& value) {
-  switch (value.type()) {
-    case nlohmann::json::value_t::null:
-      return Value(Value::Null{});
-    case nlohmann::json::value_t::array: {
-      Value::Array array;
-      array.reserve(value.size());
-      for (const nlohmann::json& element : value) array.push_back(objectValue(element));
-      return Value(std::move(array));
-    }
-    case nlohmann::json::value_t::object: {
-      Value::Dictionary dictionary;
-      for (const auto& [key, element] : value.items())
-        dictionary.emplace(key, objectValue(element));
-      return Value(std::move(dictionary));
-    }
+namespace {
+
+// A string, boolean or number as the platform's object; nullopt for other kinds.
+std::optional<Value> scalarValue(const nlohmann::json& j) {
+  switch (j.type()) {
+    case nlohmann::json::value_t::string:
+      return Value(j.get<std::string>());
+    case nlohmann::json::value_t::boolean:
+      return Value::boolean(j.get<bool>());
+    case nlohmann::json::value_t::number_integer:
+      return Value::integer(j.get<std::int64_t>());
+    case nlohmann::json::value_t::number_unsigned:
+      return Value::unsignedInteger(j.get<std::uint64_t>());
+    case nlohmann::json::value_t::number_float:
+      return Value::real(j.get<double>());
     default:
-      return listValue(value);
+      return std::nullopt;
   }
+}
+
+}  // namespace
+
+Value Readings::objectValue(const nlohmann::json& value) {
+  if (std::optional<Value> scalar = scalarValue(value)) return std::move(*scalar);
+  if (value.is_array()) {
+    Value::Array array;
+    array.reserve(value.size());
+    for (const nlohmann::json& element : value) array.push_back(objectValue(element));
+    return Value(std::move(array));
+  }
+  if (value.is_object()) {
+    Value::Dictionary dictionary;
+    for (const auto& [key, element] : value.items()) dictionary.emplace(key, objectValue(element));
+    return Value(std::move(dictionary));
+  }
+  return Value(Value::Null{});
 }
 
 std::optional<Value> Readings::objectValue(const std::optional<nlohmann::json>& value) {
@@ -139,20 +156,10 @@ Value Readings::listValue(const std::optional<nlohmann::json>& value) {
   if (j.is_number_unsigned() && j.get<std::uint64_t>() > static_cast<std::uint64_t>(kMax)) {
     throw ValueError("the integer " + j.dump() + " cannot be kept exactly in a list entry");
   }
-  switch (j.type()) {
-    case nlohmann::json::value_t::string:
-      return j.get<std::string>();
-    case nlohmann::json::value_t::boolean:
-      return Value::boolean(j.get<bool>());
-    case nlohmann::json::value_t::number_integer:
-      return Value::integer(j.get<std::int64_t>());
-    case nlohmann::json::value_t::number_unsigned:
-      return Value::unsignedInteger(j.get<std::uint64_t>());
-    case nlohmann::json::value_t::number_float:
-      return Value::real(j.get<double>());
-    default:
-      throw ValueError(std::string("a JSON ") + j.type_name() + " cannot be put into a list entry");
-  }
+  std::optional<Value> scalar = scalarValue(j);
+  if (!scalar)
+    throw ValueError(std::string("a JSON ") + j.type_name() + " cannot be put into a list entry");
+  return std::move(*scalar);
 }
 
 std::string Readings::formatted(const std::optional<nlohmann::json>& value) {

@@ -98,7 +98,7 @@ TEST(DispatchQueuesTest, DelayedWorkRunsOnThePoolNoSoonerThanAsked) {
 TEST(DispatchQueuesTest, ExceptionEscapingWorkIsLoggedAndTheQueuesGoOn) {
   std::mutex mutex;
   std::vector<std::string> lines;
-  Log::setCapture([&](const std::string& line) {
+  std::uint64_t capture = Log::addCapture([&](const std::string& line) {
     std::lock_guard lock(mutex);
     lines.push_back(line);
   });
@@ -119,7 +119,7 @@ TEST(DispatchQueuesTest, ExceptionEscapingWorkIsLoggedAndTheQueuesGoOn) {
     queues.dispatchMain([&] { after.set_value(); });
     after.get_future().wait();
   }
-  Log::setCapture(nullptr);
+  Log::removeCapture(capture);
   std::lock_guard lock(mutex);
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_TRUE(std::find(lines.begin(), lines.end(),

@@ -10,12 +10,15 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <future>
 #include <random>
 #include <sstream>
 #include <thread>
 
 #include "Platform/Log.h"
+#include "Platform/PropertyList.h"
 #include "Platform/ValueError.h"
+#include "support/LogCapture.h"
 #include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
@@ -70,7 +73,6 @@ class UserDefaultsTest : public ::testing::Test {
   void SetUp() override {
     environment.update([&](Environment& e) { e.configFolder = folder.path(); });
   }
-  void TearDown() override { Log::setCapture(nullptr); }
 
   TemporaryFolder folder;
 };
@@ -139,8 +141,7 @@ TEST_F(UserDefaultsTest, MissingSuiteIsEmptyAndReadsAreFresh) {
 }
 
 TEST_F(UserDefaultsTest, CorruptSuiteIsLoggedReadAsEmptyAndKeptAsideBeforeOverwrite) {
-  std::vector<std::string> lines;
-  Log::setCapture([&](const std::string& line) { lines.push_back(line); });
+  LogCapture log;
   std::string suite = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
   const std::string garbage = "<?xml version=\"1.0\"?><plist><dict><key>Shared";
   writeText(suite, garbage);
@@ -148,6 +149,7 @@ TEST_F(UserDefaultsTest, CorruptSuiteIsLoggedReadAsEmptyAndKeptAsideBeforeOverwr
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey"));
   EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey"));
+  std::vector<std::string> lines = log.lines();
   ASSERT_EQ(lines.size(), 1U) << "logged once per version of the file";
   EXPECT_NE(lines[0].find("unreadable"), std::string::npos) << lines[0];
   EXPECT_EQ(readText(suite), garbage) << "reading never moves the file";
@@ -160,6 +162,83 @@ TEST_F(UserDefaultsTest, CorruptSuiteIsLoggedReadAsEmptyAndKeptAsideBeforeOverwr
   writeText(folder.file("Quentara.Tallowbox.plist"),
             "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>");
   EXPECT_TRUE(UserDefaults::persistentDomainForName("Quentara.Tallowbox").empty());
+}
+
+// A binary property list of `depth` arrays, each holding the next.
+std::string deepBinaryList(std::uint32_t depth) {
+  auto bigEndian = [](std::string& out, std::uint64_t value, int width) {
+    for (int i = width - 1; i >= 0; --i) out.push_back(static_cast<char>(value >> (8 * i)));
+  };
+  std::string list = "bplist00";
+  std::vector<std::uint64_t> offsets;
+  for (std::uint32_t i = 0; i < depth; ++i) {
+    offsets.push_back(list.size());
+    if (i + 1 < depth) {
+      list.push_back(static_cast<char>(0xA1));
+      bigEndian(list, i + 1, 4);
+    } else {
+      list.push_back(static_cast<char>(0xA0));
+    }
+  }
+  const std::uint64_t table = list.size();
+  for (std::uint64_t offset : offsets) bigEndian(list, offset, 4);
+  list.append(6, '\0');
+  list.push_back(4);  // offset width
+  list.push_back(4);  // reference width
+  bigEndian(list, depth, 8);
+  bigEndian(list, 0, 8);
+  bigEndian(list, table, 8);
+  return list;
+}
+
+TEST_F(UserDefaultsTest, SuitesNestedAMillionDeepAreUnreadableNotTheEndOfTheProcess) {
+  const std::string xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>" +
+                          std::string(1000000 * 7, ' ') + "</dict></plist>";
+  std::string deepXml = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
+  for (int i = 0; i < 1000000; ++i) deepXml += "<array>";
+  for (int i = 0; i < 1000000; ++i) deepXml += "</array>";
+  deepXml += "</plist>";
+  std::string suite = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  int round = 0;
+  for (const std::string& contents : {deepXml, deepBinaryList(1000000)}) {
+    LogCapture log;
+    writeText(suite, contents);
+    EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey")) << round;
+    EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey")) << round;
+    EXPECT_EQ(log.lines().size(), 1U) << "logged once";
+    defaults.setObject(Value("x"), "key");
+    const std::string aside = suite + (round == 0 ? ".corrupt" : ".corrupt.1");
+    EXPECT_EQ(readText(aside), contents) << "kept aside whole, never over the earlier one";
+    ++round;
+  }
+  // Nested to the bound, both forms still read.
+  std::string atBound = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>";
+  for (int i = 0; i < 127; ++i) atBound += "<array>";
+  for (int i = 0; i < 127; ++i) atBound += "</array>";
+  writeText(suite, atBound + "</dict></plist>");
+  EXPECT_TRUE(defaults.objectForKey("k"));
+  EXPECT_TRUE(PropertyList::parse(deepBinaryList(128)));
+  EXPECT_FALSE(PropertyList::parse(deepBinaryList(129)));
+}
+
+TEST_F(UserDefaultsTest, FifoOrDeviceAtASuitesPathReadsEmptyAtOnce) {
+  std::string application = UserDefaults::pathOfSuite("Quentara.Tallowbox");
+  ASSERT_EQ(::mkfifo(application.c_str(), 0600), 0);
+  // With no writer, opening a FIFO to read would wait for ever.
+  auto read = std::async(std::launch::async, [] {
+    return UserDefaults::persistentDomainForName("Quentara.Tallowbox").empty();
+  });
+  ASSERT_EQ(read.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_TRUE(read.get());
+
+  std::string own = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
+  std::filesystem::create_symlink("/dev/zero", own);
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  EXPECT_FALSE(defaults.objectForKey("SharedFileDataKey")) << "a device is never read";
+  defaults.setObject(Value("x"), "key");
+  EXPECT_TRUE(std::filesystem::is_symlink(own + ".corrupt")) << "the link kept aside as it was";
+  EXPECT_EQ(defaults.objectForKey("key"), std::optional<Value>(Value("x")));
 }
 
 TEST_F(UserDefaultsTest, ValuesAPropertyListCannotHoldAreRefusedAndNothingIsWritten) {

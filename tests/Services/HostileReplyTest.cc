@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <utility>
 
 #include "Services/RestConnector.h"
 #include "support/FixedReachability.h"
@@ -47,6 +48,28 @@ TEST_F(HostileReplyTest, ReplyCutAtAnyByteEndsInANetworkOrDecodingStatus) {
     int status = statusFor(whole.substr(0, cut));
     EXPECT_TRUE(status == 2 || status == 5) << "cut at " << cut << " gave " << status;
   }
+}
+
+TEST_F(HostileReplyTest, AnswerPast64MiBEndsWithDataLengthExceedsMaximumAndDeepJsonIsUndecodable) {
+  const std::size_t length = (64U << 20U) + 1;
+  std::string huge = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n[\"";
+  huge.append(length - 4, 'x');
+  huge += "\"]";
+  ASSERT_EQ(huge.size() - huge.find("\r\n\r\n") - 4, length);
+  peer.setReply(std::move(huge));
+  std::promise<std::pair<long, int>> report;
+  RestConnector::create()->startAsyncTask(
+      "MAC/SharedFiles.svc/GetSharedFilesTransferData", {{"ComputerId", "C1"}}, nullptr,
+      [&](const ConnectorResult& result, int s) {
+        const auto* error = std::get_if<PlatformError>(&result);
+        report.set_value({error != nullptr ? error->code() : 0, s});
+      });
+  EXPECT_EQ(report.get_future().get(), std::make_pair(-1103L, 2));
+
+  const std::string deep = std::string(50000, '[') + std::string(50000, ']');
+  EXPECT_EQ(statusFor("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + deep), 5);
+  const std::string atBound = std::string(32, '[') + std::string(32, ']');
+  EXPECT_EQ(statusFor("HTTP/1.1 200 OK\r\nContent-Length: 64\r\n\r\n" + atBound), 0);
 }
 
 TEST_F(HostileReplyTest, GarbageHugeHeadersAndBrokenFramingEndInAStatus) {

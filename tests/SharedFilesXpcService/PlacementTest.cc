@@ -54,6 +54,20 @@ TEST(PlacementTest, TakenFileIsCopiedToTheFirstFreeNumberedNameBesideIt) {
   EXPECT_EQ(contents(fs::path(placed) / "inner" / "p.jpg"), "jpg");
 }
 
+TEST(PlacementTest, CopyThatFailsHalfWayLeavesNoPartialTree) {
+  TemporaryFolder folder;
+  fs::create_directories(folder.path() / "Music" / "a");
+  std::ofstream(folder.path() / "Music" / "a" / "song.mp3") << "la";
+  ASSERT_EQ(::mkfifo((folder.path() / "Music" / "z-pipe").c_str(), 0600), 0);
+  EXPECT_THROW(ServicesUtilities::checkDuplicateAndCreate(folder.file("Music"), "unused"),
+               std::runtime_error);
+  std::vector<std::string> left;
+  for (const auto& item : fs::directory_iterator(folder.path())) {
+    left.push_back(item.path().filename().string());
+  }
+  EXPECT_EQ(left, std::vector<std::string>{"Music"}) << "no numbered copy, whole or in part";
+}
+
 class ReceiveHandlerTest : public ::testing::Test {
  protected:
   // First made, last gone: every change below is undone after the test.

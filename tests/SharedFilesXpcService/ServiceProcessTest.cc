@@ -3,7 +3,9 @@
 // loopback. What it did is read from the server's request log and from the
 // preference files it keeps.
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -27,6 +29,36 @@ namespace {
 
 constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
 constexpr auto kPeriod = 250ms;
+
+// Counts the times a file is opened, by any process, as the kernel reports them.
+class OpenCounter {
+ public:
+  explicit OpenCounter(const std::string& path) : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    if (fd_ < 0 || ::inotify_add_watch(fd_, path.c_str(), IN_OPEN) < 0) {
+      throw std::runtime_error("cannot watch " + path);
+    }
+  }
+  ~OpenCounter() { ::close(fd_); }
+  OpenCounter(const OpenCounter&) = delete;
+  OpenCounter& operator=(const OpenCounter&) = delete;
+
+  std::size_t count() {
+    alignas(inotify_event) char buffer[4096];
+    ssize_t n = 0;
+    while ((n = ::read(fd_, buffer, sizeof buffer)) > 0) {
+      for (ssize_t at = 0; at < n;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        opens_ += (event->mask & IN_OPEN) != 0 ? 1 : 0;
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+      }
+    }
+    return opens_;
+  }
+
+ private:
+  int fd_;
+  std::size_t opens_ = 0;
+};
 
 class ServiceProcessTest : public ::testing::Test {
  protected:
@@ -172,10 +204,13 @@ TEST_F(ServiceProcessTest, RefusedReplyStallsUntilSharedFileAndADroppedReplyIsQu
   dropped.dropAfter = 5;
   server.script(kQuery, dropped);
   server.script(kQuery, ReferenceServer::json({{"ReturnStatus", "0"}}));
+  // Every step of the cycle reads the application's suite afresh.
+  OpenCounter steps(UserDefaults::pathOfSuite("Quentara.Tallowbox"));
   startService();
   sharedFile();
   ASSERT_TRUE(queriedAtLeast(1));
-  std::this_thread::sleep_for(kPeriod * 6);
+  const std::size_t stalledFrom = steps.count();
+  ASSERT_TRUE(waitUntil([&] { return steps.count() >= stalledFrom + 6; }));
   EXPECT_EQ(queries(), 1U) << "the timer keeps firing but nothing is queried";
 
   sharedFile();

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <future>
 #include <map>
+#include <set>
 #include <thread>
 
 #include "Platform/DispatchQueues.h"
@@ -128,20 +129,21 @@ TEST_F(TransferCycleTest, EachFlagStaysSetUntilItsOwnPassEnds) {
 
 TEST_F(TransferCycleTest, RefusedReplyStallsUntilSharedFileAndFailedQueryUnlocksAtOnce) {
   answer(ReferenceServer::json({{"ReturnStatus", "1"}}));
+  LogCapture log;
   service->SharedFile();
-  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kQuery).size() == 1; }));
-  std::this_thread::sleep_for(100ms);
+  ASSERT_TRUE(log.waitFor("response {\n  \"ReturnStatus\": \"1\"\n}"));
   drainMainQueue();
   for (int i = 0; i < 3; ++i) scheduler.runNext();
-  EXPECT_EQ(server.requestsFor(kQuery).size(), 1U) << "stalled: steps send nothing";
   EXPECT_TRUE(service->sendLock());
   EXPECT_TRUE(service->receiveLock());
 
+  // The next query comes from SharedFile alone; one sent by a stalled step
+  // would have gone before it.
   answer(ReferenceServer::Reply{.body = R"({"ReturnStatus":"0"})", .dropAfter = 3});
   service->SharedFile();
   ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }))
       << "a dropped connection clears both flags";
-  EXPECT_EQ(server.requestsFor(kQuery).size(), 2U);
+  EXPECT_EQ(server.requestsFor(kQuery).size(), 2U) << "stalled: steps sent nothing";
   scheduler.runNext();
   EXPECT_TRUE(waitUntil([&] { return server.requestsFor(kQuery).size() == 3; }))
       << "the next step queries again";
@@ -192,12 +194,14 @@ TEST_F(TransferCycleTest, FirstLevelEntriesAreBlockedByDepthAndReportedFoldersUn
                                    {"FileName", name},
                                    {"Blocked", blocked}});
   };
-  SharedFilesList::store(UserDefaults::standardUserDefaults(),
-                         {entry("0", "M1", "/h/Tallowbox/Ann (Shared)", "0"),
-                          entry("F1", "M1", "/h/Tallowbox/Ann (Shared)/Docs", "0"),
-                          entry("F2", "M1", "/h/Tallowbox/Elsewhere/Photos", "0"),
-                          entry("F3", "M1", "/h/Tallowbox/Ann (Shared)/Docs/a.txt", "0"),
-                          entry("F4", "M2", "/h/Tallowbox/Bob (Shared)/Music", "0")});
+  SharedFilesList::store(
+      UserDefaults::standardUserDefaults(),
+      {entry("0", "M1", "/h/Tallowbox/Ann (Shared)", "0"),
+       entry("F1", "M1", "/h/Tallowbox/Ann (Shared)/Docs", "0"),
+       entry("F2", "M1", "/h/Tallowbox/Elsewhere/Photos", "0"),
+       entry("F3", "M1", "/h/Tallowbox/Ann (Shared)/Docs/a.txt", "0"),
+       entry("F4", "M2", "/h/Tallowbox/Bob (Shared)/Music", "0"),
+       Value::Dictionary{{"OwnerFileID", "F5"}, {"UserComputerMapID", "M1"}, {"Blocked", "0"}}});
   stepAnswered({{"OwnerComputers", {{{"UserComputerMapID", "M1"}, {"Status", "1"}}}}});
   Value::Array entries = list();
   EXPECT_EQ(text(entries[0], "Blocked"), "0");
@@ -205,6 +209,7 @@ TEST_F(TransferCycleTest, FirstLevelEntriesAreBlockedByDepthAndReportedFoldersUn
   EXPECT_EQ(text(entries[2], "Blocked"), "1") << "depth alone decides";
   EXPECT_EQ(text(entries[3], "Blocked"), "0");
   EXPECT_EQ(text(entries[4], "Blocked"), "0");
+  EXPECT_EQ(text(entries[5], "Blocked"), "0") << "no FileName: depth 0, and the pass goes on";
 
   stepAnswered(
       {{"OwnerComputers", {{{"UserComputerMapID", "M1"}, {"Status", "1"}}}},
@@ -242,12 +247,98 @@ TEST_F(TransferCycleTest, MalformedOwnersAndFoldersNeverEndTheCycleOrWriteOutsid
   EXPECT_TRUE(fs::is_directory(product() / "7 (Shared)"));
   ASSERT_EQ(list().size(), 1U);
 
-  answer(ReferenceServer::json({{"OwnerComputers", "not a list"}}));
+  // Replies the service cannot handle at all restart both flags and say why.
+  for (const json& reply :
+       {json({{"OwnerComputers", "not a list"}}), json({{"ReturnStatus", {{"code", 0}}}})}) {
+    answer(ReferenceServer::json(reply));
+    LogCapture log;
+    scheduler.runNext();
+    ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }))
+        << reply;
+    EXPECT_TRUE(log.containsPrefix("Dropped a pending-work reply: ")) << reply;
+    EXPECT_FALSE(log.contains("owner finished 0"));
+  }
+}
+
+TEST_F(TransferCycleTest, DeepOrHugeRepliesAreRefusedOrLoggedInBriefAndTheCycleGoesOn) {
+  // 50,000 nested arrays in 100 KB: refused before anything renders it.
+  answer(
+      ReferenceServer::raw(std::string(50000, '[') + std::string(50000, ']'), "application/json"));
   LogCapture log;
+  service->SharedFile();
+  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
+  EXPECT_TRUE(log.contains("response (null)")) << "undecodable, as a reply that is no JSON";
+
+  // Nested to the bound and a few megabytes wide: decoded, shown in one short line.
+  json deep = json::array();
+  for (int level = 0; level < 30; ++level) deep = json::array({deep, std::string(100000, 'x')});
+  answer(ReferenceServer::json({{"ReturnStatus", "0"}, {"Padding", deep}}));
   scheduler.runNext();
-  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }))
-      << "a list of the wrong kind is an undecodable reply";
-  EXPECT_FALSE(log.contains("owner finished 0"));
+  ASSERT_TRUE(log.waitFor("finished process shared"));
+  drainMainQueue();
+  std::vector<std::string> lines = log.lines();
+  auto response = std::find_if(lines.begin(), lines.end(), [](const std::string& l) {
+    return l.rfind("response [", 0) == 0 || l.rfind("response {", 0) == 0;
+  });
+  ASSERT_NE(response, lines.end());
+  EXPECT_EQ(response->size(), 4096U);
+  EXPECT_EQ(response->substr(response->size() - 3), "\u2026");
+  EXPECT_FALSE(service->sendLock());
+  EXPECT_FALSE(service->receiveLock());
+}
+
+TEST_F(TransferCycleTest, OwnerValuesAListCannotKeepAreRefusedForThatOwnerAloneAndNothingGrows) {
+  const json owners = {
+      {{"UserComputerMapID", std::string("M\0x", 3)}, {"Status", "1"}, {"NickName", "Nul"}},
+      {{"UserComputerMapID", 18446744073709551615ULL}, {"Status", "1"}, {"NickName", "Big"}},
+      {{"UserComputerMapID", nullptr}, {"Status", "1"}, {"NickName", "Nobody"}},
+      {{"UserComputerMapID", "M2"}, {"Status", "1"}, {"NickName", nullptr}},
+      {{"UserComputerMapID", "M1"}, {"Status", "1"}, {"NickName", "Ann"}}};
+  const json folders = {{{"FileID", nullptr}, {"SharedStatus", "1"}},
+                        {{"FileID", {1, 2}}, {"SharedStatus", "1"}}};
+  LogCapture log;
+  for (int cycle = 0; cycle < 4; ++cycle) {
+    stepAnswered({{"OwnerComputers", owners}, {"SharedfoldersWithStatus", folders}});
+    std::set<std::string> made;
+    for (const auto& item : fs::directory_iterator(product())) {
+      made.insert(item.path().filename().string());
+    }
+    EXPECT_EQ(made, (std::set<std::string>{"<null> (Shared)", "Ann (Shared)"})) << cycle;
+    Value::Array entries = list();
+    ASSERT_EQ(entries.size(), 2U) << cycle;
+    EXPECT_EQ(text(entries[0], "UserComputerMapID"), "M2");
+    EXPECT_EQ(text(entries[1], "UserComputerMapID"), "M1");
+    EXPECT_EQ(text(entries[1], "Blocked"), cycle == 0 ? "1" : "0") << cycle;
+  }
+  std::size_t refusals = 0;
+  for (const std::string& line : log.lines()) {
+    refusals += line.rfind("Refused the shared folder of owner computer ", 0) == 0 ? 1 : 0;
+  }
+  EXPECT_EQ(refusals, 12U) << "three owners, each refused once a cycle";
+}
+
+TEST_F(TransferCycleTest, ProductFolderMayClimbInItsOwnPathButMustBeAbsolute) {
+  const json ann = {{"UserComputerMapID", "M1"}, {"Status", "1"}, {"NickName", "Ann"}};
+  UserDefaults application("Quentara.Tallowbox");
+  application.setObject(Value((home() / ".." / "home").string()), "tallowboxPathKey");
+  stepAnswered({{"OwnerComputers", {ann}}});
+  EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)"));
+  ASSERT_EQ(list().size(), 1U);
+  EXPECT_EQ(text(list()[0], "FileName"),
+            (home() / ".." / "home" / "Tallowbox" / "Ann (Shared)").string())
+      << "the entry names the folder as the application wrote it";
+
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), {});
+  for (const char* relative : {"home", "./home"}) {
+    application.setObject(Value(relative), "tallowboxPathKey");
+    stepAnswered({{"OwnerComputers", {ann}}});
+    EXPECT_TRUE(list().empty()) << "\"" << relative << "\" names no place of its own";
+  }
+  application.removeObjectForKey("tallowboxPathKey");
+  stepAnswered({{"OwnerComputers", {ann}}});
+  EXPECT_TRUE(list().empty());
+  EXPECT_FALSE(fs::exists("(null)")) << "nothing in the working folder";
+  EXPECT_FALSE(fs::exists("home"));
 }
 
 TEST_F(TransferCycleTest, ErrorReportsNameTheirFixedClassAndMethodAndThisComputer) {

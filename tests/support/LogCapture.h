@@ -15,12 +15,12 @@
 class LogCapture {
  public:
   LogCapture() {
-    Log::setCapture([state = state_](const std::string& line) {
+    capture_ = Log::addCapture([state = state_](const std::string& line) {
       std::lock_guard lock(state->mutex);
       state->lines.push_back(line);
     });
   }
-  ~LogCapture() { Log::setCapture(nullptr); }
+  ~LogCapture() { Log::removeCapture(capture_); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
@@ -48,4 +48,5 @@ class LogCapture {
     std::vector<std::string> lines;
   };
   std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::uint64_t capture_ = 0;
 };
