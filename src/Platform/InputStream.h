@@ -4,10 +4,14 @@
 #include <cstdint>
 #include <string>
 
-// A stream of bytes read from a file, from a chosen offset on.
+// A stream of bytes read from a file, from a chosen offset on. Only a regular
+// file (or a link to one) is ever read: a folder, a FIFO, a device, or a file that
+// cannot be opened or positioned gives a stream that is not open and holds no
+// bytes, as does an offset past the file's end.
 class InputStream {
  public:
-  // Opens `path` for reading; `offset` is where reading starts (the platform's
+  // Opens `path` for reading, never waiting (a FIFO without a writer is refused,
+  // not waited for); `offset` is where reading starts (the platform's
   // file-current-offset property).
   InputStream(const std::string& path, std::uint64_t offset);
   ~InputStream();
@@ -15,7 +19,7 @@ class InputStream {
   InputStream& operator=(const InputStream&) = delete;
 
   bool isOpen() const { return fd_ >= 0; }
-  // Up to `size` bytes; 0 at the end; -1 on a read error.
+  // Up to `size` bytes; 0 at the end (at once when not open); -1 on a read error.
   long read(char* buffer, std::size_t size);
 
  private:

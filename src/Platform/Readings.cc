@@ -95,6 +95,33 @@ bool Readings::isEqualToText(const std::optional<nlohmann::json>& value, std::st
   return value && value->is_string() && value->get_ref<const std::string&>() == text;
 }
 
+bool Readings::isEqualToString(const std::optional<nlohmann::json>& value,
+                               const std::optional<nlohmann::json>& other) {
+  if (!value) return false;
+  if (!value->is_string()) {
+    throw ValueError(std::string("isEqualToString: a JSON ") + value->type_name() + " is not text");
+  }
+  return other && other->is_string() &&
+         value->get_ref<const std::string&>() == other->get_ref<const std::string&>();
+}
+
+bool Readings::isEqualToString(const std::optional<nlohmann::json>& value, const char* text) {
+  return isEqualToString(value, std::optional<nlohmann::json>(std::string(text)));
+}
+
+std::optional<std::string> Readings::headerText(const std::optional<nlohmann::json>& value) {
+  if (!value) return std::nullopt;
+  if (value->is_number() || value->is_boolean()) return value->dump();
+  if (!value->is_string()) {
+    throw ValueError(std::string("a JSON ") + value->type_name() + " cannot be a header value");
+  }
+  const std::string& text = value->get_ref<const std::string&>();
+  if (text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
+    throw ValueError("a header value cannot hold a line break or U+0000");
+  }
+  return text;
+}
+
 std::optional<nlohmann::json> Readings::requestValue(const Value* value) {
   if (value == nullptr) return std::nullopt;
   if (const std::string* text = value->string()) return *text;

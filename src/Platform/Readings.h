@@ -31,6 +31,18 @@ class Readings {
   static bool isEqualToText(const Value* value, std::string_view text);
   static bool isEqualToText(const std::optional<nlohmann::json>& value, std::string_view text);
 
+  // isEqualToString: sent to `value`: false when it is absent or `other` is no
+  // text; throws ValueError when `value` is present but no text (a number, null,
+  // an array, an object), as the message to it would.
+  static bool isEqualToString(const std::optional<nlohmann::json>& value,
+                              const std::optional<nlohmann::json>& other);
+  static bool isEqualToString(const std::optional<nlohmann::json>& value, const char* text);
+  // A server value as an HTTP header's value: text as it is, a number or boolean
+  // as its JSON text, nullopt when absent (no header). Throws ValueError for JSON
+  // null, arrays and objects, and for text holding CR, LF or U+0000, which would
+  // end the header early.
+  static std::optional<std::string> headerText(const std::optional<nlohmann::json>& value);
+
   // A preference value as it goes into a server request: a string or number as it
   // is; absent for nothing and for kinds a request does not carry.
   static std::optional<nlohmann::json> requestValue(const Value* value);

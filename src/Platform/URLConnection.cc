@@ -40,6 +40,18 @@ void URLConnection::didReceiveData(URLSessionTask& /*task*/, const std::string& 
   if (delegate) delegate->didReceiveData(*this, data);
 }
 
+void URLConnection::didSendBodyData(URLSessionTask& /*task*/, std::int64_t bytesSent,
+                                    std::int64_t totalBytesSent,
+                                    std::int64_t totalBytesExpectedToSend) {
+  std::shared_ptr<URLConnectionDelegate> delegate;
+  {
+    std::lock_guard lock(mutex_);
+    delegate = delegate_;
+  }
+  if (delegate)
+    delegate->didSendBodyData(*this, bytesSent, totalBytesSent, totalBytesExpectedToSend);
+}
+
 void URLConnection::didCompleteWithError(URLSessionTask& /*task*/,
                                          const std::optional<PlatformError>& error) {
   std::shared_ptr<URLConnectionDelegate> delegate;

@@ -23,6 +23,8 @@ class URLConnection : public URLSessionDelegate,
   void cancel();
 
   void didReceiveData(URLSessionTask& task, const std::string& data) override;
+  void didSendBodyData(URLSessionTask& task, std::int64_t bytesSent, std::int64_t totalBytesSent,
+                       std::int64_t totalBytesExpectedToSend) override;
   void didCompleteWithError(URLSessionTask& task,
                             const std::optional<PlatformError>& error) override;
 

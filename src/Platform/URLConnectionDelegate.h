@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "Platform/PlatformError.h"
@@ -12,6 +13,9 @@ class URLConnectionDelegate {
  public:
   virtual ~URLConnectionDelegate() = default;
   virtual void didReceiveData(URLConnection& /*connection*/, const std::string& /*data*/) {}
+  virtual void didSendBodyData(URLConnection& /*connection*/, std::int64_t /*bytesWritten*/,
+                               std::int64_t /*totalBytesWritten*/,
+                               std::int64_t /*totalBytesExpectedToWrite*/) {}
   virtual void connectionDidFinishLoading(URLConnection& /*connection*/) {}
   virtual void didFailWithError(URLConnection& /*connection*/, const PlatformError& /*error*/) {}
 };

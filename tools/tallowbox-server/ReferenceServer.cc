@@ -3,6 +3,8 @@
 #include <httplib.h>
 #include <strings.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 
 namespace {
@@ -32,10 +34,26 @@ std::string ReferenceServer::Request::header(const std::string& name) const {
 
 ReferenceServer::ReferenceServer() : server_(std::make_unique<httplib::Server>()) { install(); }
 
-ReferenceServer::~ReferenceServer() { stop(); }
+ReferenceServer::~ReferenceServer() {
+  stop();
+  if (!temporaryStore_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(temporaryStore_, ignored);
+  }
+}
+
+void ReferenceServer::setStoreFolder(const std::string& folder) { state_.openStore(folder); }
 
 int ReferenceServer::start(const std::string& host, int port) {
   host_ = host;
+  if (state_.storeFolder().empty()) {
+    const char* tmp = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe): before any thread
+    std::string pattern =
+        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tallowbox-server-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make a store");
+    temporaryStore_ = pattern;
+    state_.openStore(temporaryStore_);
+  }
   // The HTTP server listens on a loopback port of its own; clients reach it
   // through the relay, which notes the order of their headers.
   int serverPort = server_->bind_to_any_port("127.0.0.1");
@@ -134,6 +152,62 @@ void ReferenceServer::install() {
                   state_.merge(patch);
                   response.set_content(state_.snapshot().dump(2), "application/json");
                 });
+  // The streamed uploads: their bodies go to the store as they arrive.
+  server_->Post(
+      R"(/TallowboxRestService/(MAC/SharedFiles\.svc/(?:UpdateSendFileToTransfer|UploadFileWithStream)))",
+      [this](const httplib::Request& request, httplib::Response& response,
+             const httplib::ContentReader& content) {
+        Request recorded{request.method, request.matches[1].str(),
+                         relay_.takeHeaders(request.remote_port), "",
+                         std::chrono::steady_clock::now()};
+        // The log keeps a body's first MiB; the store takes all of it.
+        auto note = [&recorded](const char* data, std::size_t length) {
+          constexpr std::size_t kNoted = 1 << 20;
+          if (recorded.body.size() < kNoted) {
+            recorded.body.append(data, std::min(length, kNoted - recorded.body.size()));
+          }
+        };
+        std::optional<Reply> scripted;
+        {
+          std::lock_guard lock(mutex_);
+          auto found = scripts_.find(recorded.operation);
+          if (found != scripts_.end() && !found->second.empty()) scripted = found->second.front();
+        }
+        std::optional<nlohmann::json> answer;
+        if (scripted) {
+          content([&](const char* data, std::size_t length) {
+            note(data, length);
+            return true;
+          });
+        } else {
+          answer = state_.receive(
+              recorded.operation,
+              [&](const std::string& name) { return request.get_header_value(name.c_str()); },
+              [&](const std::function<bool(const char*, std::size_t)>& sink) {
+                return content([&](const char* data, std::size_t length) {
+                  note(data, length);
+                  return sink(data, length);
+                });
+              });
+        }
+        {
+          std::lock_guard lock(mutex_);
+          requests_.push_back(recorded);
+        }
+        if (scripted) {
+          response.status = scripted->status;
+          response.set_content(scripted->body, scripted->contentType);
+          return;
+        }
+        if (!answer) {
+          // Drops the connection before any answer.
+          response.set_content_provider(1, "application/json",
+                                        [](std::size_t /*offset*/, std::size_t /*length*/,
+                                           httplib::DataSink& /*sink*/) { return false; });
+          return;
+        }
+        response.set_content(answer->dump(), "application/json");
+      });
   server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,
                                                         httplib::Response& response) {
     Request recorded{request.method, request.matches[1].str(),

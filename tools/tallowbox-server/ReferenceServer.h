@@ -23,8 +23,9 @@ class Server;
 // The reference server of the Tallowbox REST service, for tests, the demo and
 // benchmarks. It answers POSTs to any operation below "/TallowboxRestService/":
 // with the operation's scripted reply when there is one, else from its state
-// (pending work per computer, the error log), else {"ReturnStatus":"0"}. Every
-// request is recorded. Below "/admin/": GET "state" shows the state and POST
+// (pending work per computer, the error log, the bytes of uploads), else
+// {"ReturnStatus":"0"}. Every request is recorded (a streamed upload without its
+// body). Below "/admin/": GET "state" shows the state and POST
 // "state" merges a JSON merge patch into it.
 class ReferenceServer {
  public:
@@ -61,6 +62,10 @@ class ReferenceServer {
   ReferenceServer(const ReferenceServer&) = delete;
   ReferenceServer& operator=(const ReferenceServer&) = delete;
 
+  // Keeps uploaded bytes in `folder` (before start); without it the server keeps
+  // them in a temporary folder of its own, removed when it is destroyed.
+  void setStoreFolder(const std::string& folder);
+
   // Listens on `host`:`port` (0: any free port) in a thread of its own; returns the
   // port. Throws std::runtime_error when it cannot listen.
   int start(const std::string& host = "127.0.0.1", int port = 0);
@@ -92,6 +97,7 @@ class ReferenceServer {
   ServerState state_;
   std::thread thread_;
   std::string host_ = "127.0.0.1";
+  std::string temporaryStore_;  // the store's folder when the server made it
   int port_ = 0;
 
   mutable std::mutex mutex_;  // guards the members below

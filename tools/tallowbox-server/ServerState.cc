@@ -1,6 +1,7 @@
 #include "ServerState.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace {
 
@@ -19,8 +20,90 @@ void ServerState::merge(const nlohmann::json& patch) {
 }
 
 nlohmann::json ServerState::snapshot() const {
+  nlohmann::json state;
+  {
+    std::lock_guard lock(mutex_);
+    state = state_;
+  }
+  for (const char* kind : {"transfers", "cloud"}) {
+    if (!state.contains(kind) || !state[kind].is_object()) continue;
+    for (auto& [name, entry] : state[kind].items()) {
+      if (entry.is_object()) entry.update(store_.summary(std::string(kind) + "/" + name));
+    }
+  }
+  return state;
+}
+
+void ServerState::openStore(const std::string& folder) { store_.open(folder); }
+
+void ServerState::complete(const std::string& transfer) {
+  state_["transfers"][transfer]["complete"] = true;
+  if (!state_["computers"].is_object()) return;
+  for (auto& [id, computer] : state_["computers"].items()) {
+    if (!computer.is_object() || !computer.contains("FileToTransfer") ||
+        !computer["FileToTransfer"].is_array()) {
+      continue;
+    }
+    nlohmann::json& files = computer["FileToTransfer"];
+    files.erase(std::remove_if(files.begin(), files.end(),
+                               [&](const nlohmann::json& file) {
+                                 return file.is_object() &&
+                                        file.value("SharedFileTransferID", nlohmann::json()) ==
+                                            transfer;
+                               }),
+                files.end());
+  }
+}
+
+std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
+                                                   const Header& header,
+                                                   const TransferStore::Reader& read) {
+  const std::string transfer = header("SharedFileTransferID");
+  std::uint64_t limit = UINT64_MAX;
+  std::string sender = header("ComputerID");
+  {
+    std::lock_guard lock(mutex_);
+    nlohmann::json& faults = state_["faults"];
+    if (faults.is_object() && faults.contains("cutUploadAfter") &&
+        faults["cutUploadAfter"].is_number_unsigned()) {
+      limit = faults["cutUploadAfter"].get<std::uint64_t>();
+      faults.erase("cutUploadAfter");
+    }
+    // The cloud keeps a copy under its sender's name, whoever receives it.
+    const nlohmann::json& computers = state_["computers"];
+    for (auto computer = computers.begin(); computers.is_object() && computer != computers.end();
+         ++computer) {
+      if (!computer->is_object() || !computer->contains("FileToTransfer")) continue;
+      for (const nlohmann::json& file : (*computer)["FileToTransfer"]) {
+        if (file.is_object() && file.value("SharedFileTransferID", nlohmann::json()) == transfer &&
+            file.value("FromComputerID", nlohmann::json()).is_string()) {
+          sender = file["FromComputerID"].get<std::string>();
+        }
+      }
+    }
+  }
+  if (operation == "MAC/SharedFiles.svc/UpdateSendFileToTransfer") {
+    bool whole = store_.append("transfers/" + transfer, read, limit);
+    std::lock_guard lock(mutex_);
+    state_["transfers"][transfer]["expected"] = header("Length");
+    if (!whole) return std::nullopt;
+    const std::string& expected = header("Length");
+    if (!expected.empty() &&
+        store_.size("transfers/" + transfer) >= std::strtoull(expected.c_str(), nullptr, 10)) {
+      complete(transfer);
+    }
+    return nlohmann::json{{"ReturnStatus", "0"}};
+  }
+  const std::string copy = "\\" + sender + header("FullPathFromFileTable");
+  if (limit != UINT64_MAX) {
+    // The cut is of the wire: what arrives before it is not a copy.
+    store_.append("scratch/" + copy, read, limit);
+    return std::nullopt;
+  }
+  if (!store_.replace("cloud/" + copy, read)) return std::nullopt;
   std::lock_guard lock(mutex_);
-  return state_;
+  state_["cloud"][copy]["SharedFileTransferID"] = transfer;
+  return nlohmann::json{{"ReturnStatus", "0"}};
 }
 
 bool ServerState::belongsToUser(const nlohmann::json& computer, const nlohmann::json& user) const {
@@ -42,6 +125,25 @@ std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
   if (operation == "MAC/ErrorLog.svc/LogError") {
     if (!state_["errorLog"].is_array()) state_["errorLog"] = nlohmann::json::array();
     state_["errorLog"].push_back(request);
+    return nlohmann::json{{"ReturnStatus", "0"}};
+  }
+  const nlohmann::json transfer = request.value("SharedFileTransferID", nlohmann::json());
+  if (operation == "MAC/SharedFiles.svc/CheckFileExistsInTransfers") {
+    if (!transfer.is_string()) return nlohmann::json{{"ReturnStatus", "1"}};
+    return nlohmann::json{
+        {"ReturnStatus", "0"},
+        {"ByteStartPos", std::to_string(store_.size("transfers/" + transfer.get<std::string>()))}};
+  }
+  if (operation == "MAC/SharedFiles.svc/UpdateFileExists" ||
+      operation == "MAC/SharedFiles.svc/UpdateFileSendReceived") {
+    if (!transfer.is_string()) return nlohmann::json{{"ReturnStatus", "1"}};
+    const std::string id = transfer.get<std::string>();
+    if (operation == "MAC/SharedFiles.svc/UpdateFileExists") {
+      state_["transfers"][id]["exists"] = true;
+    } else {
+      state_["transfers"][id]["sendReceived"] = true;
+      complete(id);
+    }
     return nlohmann::json{{"ReturnStatus", "0"}};
   }
   if (operation == "MAC/SharedFiles.svc/GetSharedFilesTransferData") {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
+
+#include "TransferStore.h"
 
 // What the reference server knows about its users' computers, as one JSON
 // document (a scenario):
@@ -18,8 +21,28 @@
 //   {"users": {"<UserID>": {"computers": ["<ComputerID>", ...]}}}
 // a pending-work query from a user for a computer that is not theirs is refused
 // ({"ReturnStatus": "1"}). Error reports sent to the server are kept in "errorLog".
+//
+// Files sent up are kept by the store: what a transfer holds so far (its
+// "SharedFileTransferID"), and the cloud's copies (by "\\<sending computer><full
+// path>"). "transfers" and "cloud" in the state say what each holds, with its
+// length and SHA-256 in snapshots. A transfer whose bytes are all there, or that
+// was reported sent and received, leaves every computer's "FileToTransfer".
+// {"faults": {"cutUploadAfter": n}} makes the next upload keep n bytes and then
+// drop the connection.
 class ServerState {
  public:
+  // The header values of a streamed upload, by name.
+  using Header = std::function<std::string(const std::string& name)>;
+
+  // Keeps uploaded bytes in `folder`.
+  void openStore(const std::string& folder);
+  const std::string& storeFolder() const { return store_.folder(); }
+  // The answer to a streamed upload ("MAC/SharedFiles.svc/UpdateSendFileToTransfer"
+  // or "MAC/SharedFiles.svc/UploadFileWithStream"), whose body `read` delivers; nullopt
+  // when the connection is to be dropped.
+  std::optional<nlohmann::json> receive(const std::string& operation, const Header& header,
+                                        const TransferStore::Reader& read);
+
   // Throws nlohmann::json::exception when `scenario` is not a JSON object.
   void load(const std::string& scenario);
   // Applies a JSON merge patch (RFC 7396): keys set replace, null removes. Throws
@@ -35,6 +58,11 @@ class ServerState {
   // Called with the mutex held.
   bool belongsToUser(const nlohmann::json& computer, const nlohmann::json& user) const;
 
+  // Marks `transfer` done and takes it out of every computer's pending files.
+  // Called with the mutex held.
+  void complete(const std::string& transfer);
+
+  TransferStore store_;
   mutable std::mutex mutex_;  // guards the member below
   nlohmann::json state_ = {{"computers", nlohmann::json::object()},
                            {"errorLog", nlohmann::json::array()}};

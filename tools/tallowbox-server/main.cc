@@ -1,5 +1,6 @@
 // tallowbox-server: the reference server on loopback, for the demo and benchmarks.
 //   tallowbox-server [--host H] [--port N (0: any free port)] [--scenario file.json]
+//                    [--store DIR (where uploaded bytes are kept)]
 // Prints its base URL, then serves until SIGTERM or SIGINT.
 #include <pthread.h>
 
@@ -16,10 +17,12 @@ int main(int argc, char** argv) {
   std::string host = "127.0.0.1";
   int port = 8642;
   std::string scenario;
+  std::string store;
   for (int i = 1; i + 1 < argc; i += 2) {
     if (std::strcmp(argv[i], "--host") == 0) host = argv[i + 1];
     if (std::strcmp(argv[i], "--port") == 0) port = std::atoi(argv[i + 1]);
     if (std::strcmp(argv[i], "--scenario") == 0) scenario = argv[i + 1];
+    if (std::strcmp(argv[i], "--store") == 0) store = argv[i + 1];
   }
   // Signals are taken by sigwait below, not by the server's threads.
   sigset_t signals;
@@ -37,6 +40,7 @@ int main(int argc, char** argv) {
       text << file.rdbuf();
       server.state().load(text.str());
     }
+    if (!store.empty()) server.setStoreFolder(store);
     server.start(host, port);
   } catch (const std::exception& e) {
     std::cerr << "tallowbox-server: " << e.what() << "\n";
