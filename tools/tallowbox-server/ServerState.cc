@@ -65,7 +65,7 @@ std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
     std::lock_guard lock(mutex_);
     nlohmann::json& faults = state_["faults"];
     if (faults.is_object() && faults.contains("cutUploadAfter") &&
-        faults["cutUploadAfter"].is_number_unsigned()) {
+        faults["cutUploadAfter"].is_number_integer() && faults["cutUploadAfter"] >= 0) {
       limit = faults["cutUploadAfter"].get<std::uint64_t>();
       faults.erase("cutUploadAfter");
     }

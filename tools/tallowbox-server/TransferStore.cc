@@ -65,8 +65,7 @@ std::uint64_t TransferStore::size(const std::string& name) const {
   return ::stat(pathOf(name).c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
 }
 
-bool TransferStore::append(const std::string& name, const Reader& read,
-                           std::uint64_t limit) const {
+bool TransferStore::append(const std::string& name, const Reader& read, std::uint64_t limit) const {
   std::lock_guard lock(mutex_);
   int fd = ::open(pathOf(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (fd < 0) return false;

@@ -23,8 +23,7 @@ class TransferStore {
   std::uint64_t size(const std::string& name) const;
   // Appends what `read` delivers to `name`, keeping at most `limit` bytes of it;
   // whether the whole body was kept.
-  bool append(const std::string& name, const Reader& read,
-              std::uint64_t limit = UINT64_MAX) const;
+  bool append(const std::string& name, const Reader& read, std::uint64_t limit = UINT64_MAX) const;
   // Replaces `name` with what `read` delivers, once it has all arrived.
   bool replace(const std::string& name, const Reader& read) const;
   // {"length": n, "sha256": "<hex>"} of what is held for `name`.

@@ -1,0 +1,305 @@
+// The send pass against the reference server on loopback, with real files.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <cstdio>
+#include <fstream>
+
+#include "Platform/UserDefaults.h"
+#include "ReferenceServer.h"
+#include "SharedFilesXpcService/SendFileToTransferHandler.h"
+#include "SharedFilesXpcService/SharedFilesList.h"
+#include "support/FixedReachability.h"
+#include "support/LogCapture.h"
+#include "support/ScopedEnvironment.h"
+#include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kCheck = "MAC/SharedFiles.svc/CheckFileExistsInTransfers";
+constexpr const char* kToComputer = "MAC/SharedFiles.svc/UpdateSendFileToTransfer";
+constexpr const char* kToCloud = "MAC/SharedFiles.svc/UploadFileWithStream";
+constexpr const char* kExists = "MAC/SharedFiles.svc/UpdateFileExists";
+constexpr const char* kSendReceived = "MAC/SharedFiles.svc/UpdateFileSendReceived";
+
+class CountingDelegate : public SendFileToTransferDelegate {
+ public:
+  void SendFileNotify() override { ++notified; }
+  std::atomic<int> notified{0};
+};
+
+// A record of the server's pending work, as the pass reads it.
+FileToTransfer record(const json& fields) {
+  FileToTransfer file;
+  auto field = [&](const char* key) -> WireValue {
+    return fields.contains(key) ? WireValue(fields[key]) : std::nullopt;
+  };
+  file.changeType = field("ChangeType");
+  file.isFile = field("IsFile");
+  file.isOwnerToSubscriber = field("IsOwnerToSubscriber");
+  file.ownerFileID = field("OwnerFileID");
+  file.toCloud = field("ToCloud");
+  file.fromComputerId = field("FromComputerID");
+  file.toComputerId = field("ToComputerID");
+  file.sharedFileTransferId = field("SharedFileTransferID");
+  file.fullPathfromFileTable = field("FullPathfromFileTable");
+  file.fullPath = field("FullPath");
+  file.fullPathNew = field("NewFullPath");
+  file.tallowboxPath = field("TallowboxPath");
+  return file;
+}
+
+json aFile(const std::string& transfer, const std::string& owner, const std::string& toCloud) {
+  return {{"ChangeType", "1"},          {"IsFile", "True"},
+          {"IsOwnerToSubscriber", "0"}, {"OwnerFileID", owner},
+          {"ToCloud", toCloud},         {"FromComputerID", "C1"},
+          {"ToComputerID", "C2"},       {"SharedFileTransferID", transfer},
+          {"FullPathfromFileTable", "Docs\\report.bin"},
+          {"FullPath", "\\C1\\Docs\\report.bin"},
+          {"NewFullPath", ""},          {"TallowboxPath", "/Users/ann"}};
+}
+
+class SendFileToTransferHandlerTest : public ::testing::Test {
+ protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
+  void SetUp() override {
+    server.start();
+    environment.update([&](Environment& e) {
+      e.baseURL = server.baseURL();
+      e.configFolder = folder.file("config");
+    });
+    handler->setDelegate(delegate);
+  }
+
+  // A file of `size` bytes that differ from one another, listed under `owner` in
+  // the service's own shared-files list.
+  std::string sharedFile(const std::string& owner, std::size_t size) {
+    std::string path = folder.file(owner + ".bin");
+    std::ofstream out(path, std::ios::binary);
+    for (std::size_t i = 0; i < size; ++i) out.put(static_cast<char>((i * 7 + i / 251) & 0xFF));
+    Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+    list.emplace_back(Value::Dictionary{{"OwnerFileID", Value(owner)}, {"FileName", Value(path)}});
+    SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+    return path;
+  }
+  // The file's SHA-256 as sha256sum prints it.
+  static std::string sha256Of(const std::string& path) {
+    std::string command = "sha256sum '" + path + "'";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    std::string sum(64, '\0');
+    sum.resize(pipe == nullptr ? 0 : std::fread(sum.data(), 1, sum.size(), pipe));
+    if (pipe != nullptr) ::pclose(pipe);
+    return sum;
+  }
+  std::string bytesOf(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  bool notifiedAtLeast(int count) {
+    return waitUntil([&] { return delegate->notified >= count; });
+  }
+  json stored(const std::string& kind, const std::string& name) {
+    return server.state().snapshot()[kind][name];
+  }
+
+  std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
+  TemporaryFolder folder;
+  ReferenceServer server;
+  std::shared_ptr<CountingDelegate> delegate = std::make_shared<CountingDelegate>();
+  std::shared_ptr<SendFileToTransferHandler> handler =
+      std::make_shared<SendFileToTransferHandler>();
+};
+
+}  // namespace
+
+TEST_F(SendFileToTransferHandlerTest, ComputerTransferCutMidwayResumesAtTheServersPosition) {
+  const std::string path = sharedFile("F1", 300000);
+  server.state().merge({{"faults", {{"cutUploadAfter", 120000}}}});
+  handler->FileToTransferMethod({record(aFile("T1", "F1", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(1)) << "the cut upload ends its record";
+  EXPECT_EQ(stored("transfers", "T1")["length"], 120000);
+  EXPECT_EQ(json::parse(server.requestsFor(kCheck).at(0).body),
+            json({{"SharedFileTransferID", "T1"}, {"FullPathfromFileTable", "Docs\\report.bin"}}));
+
+  const int before = delegate->notified;
+  handler->FileToTransferMethod({record(aFile("T1", "F1", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(before + 2)) << "the answer and the completion both notify";
+  EXPECT_EQ(json::parse(server.requestsFor(kCheck).at(1).body)["SharedFileTransferID"], "T1");
+  EXPECT_EQ(handler->bytePos(), WireValue("120000"));
+
+  ASSERT_EQ(server.requestsFor(kToComputer).size(), 2U);
+  const ReferenceServer::Request upload = server.requestsFor(kToComputer)[1];
+  std::vector<std::pair<std::string, std::string>> headers;
+  for (const auto& header : upload.headers) {
+    if (header.first != "Host" && header.first != "Accept" && header.first != "Transfer-Encoding") {
+      headers.push_back(header);
+    }
+  }
+  EXPECT_EQ(headers, (std::vector<std::pair<std::string, std::string>>{
+                         {"Content-Type", "application/octet-stream"},
+                         {"ChangeType", "1"},
+                         {"SharedFileTransferID", "T1"},
+                         {"FullPathFromFileTable", "Docs\\report.bin"},
+                         {"ToCloud", "0"},
+                         {"IsFile", "True"},
+                         {"ToComputerID", "C2"},
+                         {"NewFullPath", ""},
+                         {"OwnerFileID", "F1"},
+                         {"FromComputerID", "C1"},
+                         {"TallowboxPath", "/Users/ann"},
+                         {"FileNameToSend", "\\C1\\Docs\\report.bin"},
+                         {"Length", "300000"}}))
+      << "the whole file's length, though the body starts at 120000";
+  EXPECT_EQ(upload.header("Transfer-Encoding"), "chunked");
+  EXPECT_EQ(upload.header("Content-Length"), "");
+  EXPECT_EQ(upload.body, bytesOf(path).substr(120000));
+
+  json transfer = stored("transfers", "T1");
+  EXPECT_EQ(transfer["length"], 300000);
+  EXPECT_EQ(transfer["sha256"], sha256Of(path)) << "byte for byte";
+  EXPECT_TRUE(transfer["complete"].get<bool>());
+}
+
+TEST_F(SendFileToTransferHandlerTest, CloudUploadStartsAtZeroAndIsFollowedByBothReports) {
+  const std::string path = sharedFile("F2", 70000);
+  json cloud = aFile("T2", "F2", "1");
+  cloud["ToComputerID"] = "C1";  // its own copy: "ComputerID" names the sender
+  handler->FileToTransferMethod({record(cloud)});
+  ASSERT_TRUE(notifiedAtLeast(2)) << "a good answer notifies, and so does the completion";
+  EXPECT_EQ(handler->userType(), std::optional<std::string>("Cloud"));
+  EXPECT_TRUE(server.requestsFor(kCheck).empty()) << "the cloud never asks for a position";
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kSendReceived).size() == 1; }));
+  ASSERT_EQ(server.requestsFor(kExists).size(), 1U);
+  EXPECT_LT(server.requestsFor(kExists)[0].at, server.requestsFor(kSendReceived)[0].at);
+  EXPECT_EQ(json::parse(server.requestsFor(kExists)[0].body),
+            json({{"SharedFileTransferID", "T2"}}));
+
+  const ReferenceServer::Request upload = server.requestsFor(kToCloud).at(0);
+  std::vector<std::string> names;
+  for (const auto& [name, value] : upload.headers) {
+    if (name != "Host" && name != "Accept" && name != "Transfer-Encoding") names.push_back(name);
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"Content-Type", "ComputerID", "FullPathFromFileTable",
+                                             "TallowboxPath", "SharedFileTransferID"}));
+  EXPECT_EQ(upload.header("ComputerID"), "C1");
+  EXPECT_EQ(upload.header("FullPathFromFileTable"), "\\C1\\Docs\\report.bin")
+      << "the cloud request carries the full path under this name";
+  EXPECT_EQ(upload.body, bytesOf(path));
+  EXPECT_EQ(stored("cloud", "\\C1\\C1\\Docs\\report.bin")["length"], 70000);
+
+  // Another receiver: "ComputerID" names it.
+  handler->FileToTransferMethod({record(aFile("T3", "F2", "1"))});
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kToCloud).size() == 2; }));
+  EXPECT_EQ(server.requestsFor(kToCloud)[1].header("ComputerID"), "C2");
+}
+
+TEST_F(SendFileToTransferHandlerTest, RecordsThatEndWithoutAnUploadNotifyAsTheirRulesSay) {
+  LogCapture log;
+  // No content, its own copy in the cloud: reported sent and received.
+  json bare = aFile("T4", "F4", "1");
+  bare["IsFile"] = "False";
+  bare["ToComputerID"] = "C1";
+  handler->FileToTransferMethod({record(bare)});
+  EXPECT_EQ(delegate->notified, 1);
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kSendReceived).size() == 1; }));
+
+  // No content, another computer: only notified.
+  bare["ToComputerID"] = "C2";
+  bare["ChangeType"] = "2";
+  bare["IsFile"] = "True";
+  handler->FileToTransferMethod({record(bare)});
+  EXPECT_EQ(delegate->notified, 2);
+
+  // Nowhere on this computer: the position is asked, then nothing is sent.
+  handler->FileToTransferMethod({record(aFile("T5", "unknown", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(3));
+  EXPECT_EQ(server.requestsFor(kCheck).size(), 1U);
+
+  // Listed but gone from disk, or a FIFO there: sent with "Length" "0" and no body.
+  const std::string gone = sharedFile("F6", 10);
+  fs::remove(gone);
+  const std::string pipe = sharedFile("F7", 0);
+  fs::remove(pipe);
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  handler->FileToTransferMethod({record(aFile("T6", "F6", "0")), record(aFile("T7", "F7", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(7)) << "each upload's answer and completion";
+  ASSERT_EQ(server.requestsFor(kToComputer).size(), 2U);
+  for (const auto& upload : server.requestsFor(kToComputer)) {
+    EXPECT_EQ(upload.header("Length"), "0");
+    EXPECT_EQ(upload.body, "");
+  }
+
+  // A failed position check: notified, nothing sent.
+  server.script(kCheck, ReferenceServer::raw("not json", "text/plain"));
+  sharedFile("F8", 100);
+  handler->FileToTransferMethod({record(aFile("T8", "F8", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(8));
+  EXPECT_EQ(server.requestsFor(kToComputer).size(), 2U);
+
+  // Nothing to send: nobody is told.
+  handler->FileToTransferMethod({});
+  EXPECT_EQ(delegate->notified, 8);
+}
+
+TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheProcess) {
+  LogCapture log;
+  // A value no header can hold ends the pass under its guard, reported once.
+  json broken = aFile("T9", "F9", "0");
+  broken["TallowboxPath"] = {{"not", "a path"}};
+  json never = aFile("T10", "F10", "0");
+  handler->FileToTransferMethod({record(broken), record(never)});
+  EXPECT_EQ(delegate->notified, 1) << "one notification for the whole pass";
+  EXPECT_TRUE(log.containsPrefix("Send File To Transfer Exception "));
+  ASSERT_TRUE(waitUntil([&] { return !server.requestsFor("MAC/ErrorLog.svc/LogError").empty(); }));
+  EXPECT_EQ(json::parse(server.requestsFor("MAC/ErrorLog.svc/LogError")[0].body)["ErrorMethod"],
+            "FileToTransferMethod");
+  EXPECT_TRUE(server.requestsFor(kCheck).empty()) << "the records after it wait for the next pass";
+
+  for (const json& value : {json(nullptr), json(7), json("a\r\nX-Evil: 1")}) {
+    json odd = aFile("T11", "F11", "0");
+    odd["OwnerFileID"] = "F11";
+    odd["FullPath"] = value;
+    const int before = delegate->notified;
+    handler->FileToTransferMethod({record(odd)});
+    if (value.is_number()) {
+      ASSERT_TRUE(notifiedAtLeast(before + 1)) << value;  // a number is its text
+    } else {
+      EXPECT_EQ(delegate->notified, before + 1) << value;
+    }
+  }
+
+  // Positions that are no position: past any end, or unreadable.
+  const std::string path = sharedFile("F12", 5000);
+  for (const json& position : {json("-5"), json("99999999999999"), json({1, 2})}) {
+    server.clearScripts();
+    server.script(kCheck, ReferenceServer::json({{"ReturnStatus", "0"}, {"ByteStartPos", position}}));
+    server.clearRequests();
+    const int before = delegate->notified;
+    handler->FileToTransferMethod({record(aFile("T12", "F12", "0"))});
+    ASSERT_TRUE(notifiedAtLeast(before + (position.is_array() ? 1 : 2))) << position;
+    if (position.is_array()) {
+      EXPECT_TRUE(server.requestsFor(kToComputer).empty());
+    } else {
+      ASSERT_EQ(server.requestsFor(kToComputer).size(), 1U);
+      EXPECT_EQ(server.requestsFor(kToComputer)[0].body, "") << position;
+      EXPECT_EQ(server.requestsFor(kToComputer)[0].header("Length"), "5000");
+    }
+  }
+  EXPECT_TRUE(log.containsPrefix("Dropped a reply the send pass cannot read: "));
+
+  // An answer that is not JSON is logged as text; the completion still notifies.
+  server.clearScripts();
+  server.script(kToComputer, ReferenceServer::raw("<html>busy</html>", "text/html"));
+  const int before = delegate->notified;
+  handler->FileToTransferMethod({record(aFile("T13", "F12", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(before + 1));
+  EXPECT_TRUE(log.waitFor("responseData = <html>busy</html>"));
+  EXPECT_EQ(path, handler->strFileNameToSend());
+}
