@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "Platform/UserDefaults.h"
@@ -57,13 +57,18 @@ FileToTransfer record(const json& fields) {
 }
 
 json aFile(const std::string& transfer, const std::string& owner, const std::string& toCloud) {
-  return {{"ChangeType", "1"},          {"IsFile", "True"},
-          {"IsOwnerToSubscriber", "0"}, {"OwnerFileID", owner},
-          {"ToCloud", toCloud},         {"FromComputerID", "C1"},
-          {"ToComputerID", "C2"},       {"SharedFileTransferID", transfer},
+  return {{"ChangeType", "1"},
+          {"IsFile", "True"},
+          {"IsOwnerToSubscriber", "0"},
+          {"OwnerFileID", owner},
+          {"ToCloud", toCloud},
+          {"FromComputerID", "C1"},
+          {"ToComputerID", "C2"},
+          {"SharedFileTransferID", transfer},
           {"FullPathfromFileTable", "Docs\\report.bin"},
           {"FullPath", "\\C1\\Docs\\report.bin"},
-          {"NewFullPath", ""},          {"TallowboxPath", "/Users/ann"}};
+          {"NewFullPath", ""},
+          {"TallowboxPath", "/Users/ann"}};
 }
 
 class SendFileToTransferHandlerTest : public ::testing::Test {
@@ -287,7 +292,8 @@ TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheP
   const std::string path = sharedFile("F12", 5000);
   for (const json& position : {json("-5"), json("99999999999999"), json({1, 2})}) {
     server.clearScripts();
-    server.script(kCheck, ReferenceServer::json({{"ReturnStatus", "0"}, {"ByteStartPos", position}}));
+    server.script(kCheck,
+                  ReferenceServer::json({{"ReturnStatus", "0"}, {"ByteStartPos", position}}));
     server.clearRequests();
     const int before = delegate->notified;
     handler->FileToTransferMethod({record(aFile("T12", "F12", "0"))});

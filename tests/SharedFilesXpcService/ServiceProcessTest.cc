@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <thread>
 
@@ -253,3 +255,102 @@ TEST_F(ServiceProcessTest, MalformedTransferDataNeverEndsTheProcess) {
 }
 
 }  // namespace
+
+namespace {
+
+// A file of `size` bytes that differ from one another.
+void writeFile(const fs::path& path, std::size_t size) {
+  fs::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary);
+  for (std::size_t i = 0; i < size; ++i) out.put(static_cast<char>((i * 13 + i / 509) & 0xFF));
+}
+
+// The file's SHA-256 as sha256sum prints it.
+std::string sha256Of(const fs::path& path) {
+  std::string command = "sha256sum '" + path.string() + "'";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  std::string sum(64, '\0');
+  sum.resize(pipe == nullptr ? 0 : std::fread(sum.data(), 1, sum.size(), pipe));
+  if (pipe != nullptr) ::pclose(pipe);
+  return sum;
+}
+
+json sendRecord(const std::string& transfer, const std::string& owner,
+                const char* ownerToSubscriber, const char* toCloud) {
+  return {{"ChangeType", "1"},
+          {"IsFile", "True"},
+          {"IsOwnerToSubscriber", ownerToSubscriber},
+          {"OwnerFileID", owner},
+          {"ToCloud", toCloud},
+          {"FromComputerID", "C1"},
+          {"ToComputerID", "C2"},
+          {"SharedFileTransferID", transfer},
+          {"FullPathfromFileTable", "Work\\plan.bin"},
+          {"FullPath", "\\C1\\Work\\plan.bin"},
+          {"NewFullPath", ""},
+          {"TallowboxPath", "/home/ann"}};
+}
+
+}  // namespace
+
+TEST_F(ServiceProcessTest, OwnersFileGoesUpThroughTheWatchersListAndResumesWhereTheServerStopped) {
+  const fs::path file = home() / "Work" / "plan.bin";
+  writeFile(file, 3000000);
+  UserDefaults watcher("Quentara.SyncFilesXpcService");
+  watcher.setObject(Value(Value::Array{Value::Dictionary{
+                        {"FileIDKey", "OF1"}, {"BaseSystemFilePathKey", Value(file.string())}}}),
+                    "FileWatchedDataKey");
+  server.state().merge(
+      {{"computers", {{"C1", {{"FileToTransfer", {sendRecord("T1", "OF1", "1", "0")}}}}}},
+       {"faults", {{"cutUploadAfter", 1000000}, {"holdUploadAnswers", true}}}});
+  OpenCounter steps(UserDefaults::pathOfSuite("Quentara.Tallowbox"));
+  startService();
+  sharedFile();
+  auto transfer = [&] {
+    json state = server.state().snapshot();
+    return state.contains("transfers") ? state["transfers"].value("T1", json::object())
+                                       : json::object();
+  };
+  ASSERT_TRUE(waitUntil([&] { return transfer().value("complete", false); }, 60s))
+      << "cut at 1,000,000 bytes, asked again, resumed";
+
+  // Its answer is held: the cycle waits for the pass, querying nothing.
+  const std::size_t queried = queries();
+  const std::size_t from = steps.count();
+  ASSERT_TRUE(waitUntil([&] { return steps.count() >= from + 3; }));
+  EXPECT_EQ(queries(), queried) << "no query while an upload is in flight";
+  server.state().merge({{"faults", {{"holdUploadAnswers", nullptr}}}});
+  ASSERT_TRUE(queriedAtLeast(queried + 1)) << "the pass ended; the cycle goes on";
+
+  EXPECT_EQ(transfer()["length"], 3000000);
+  EXPECT_EQ(transfer()["sha256"], sha256Of(file)) << "byte for byte";
+  auto uploads = server.requestsFor("MAC/SharedFiles.svc/UpdateSendFileToTransfer");
+  ASSERT_EQ(uploads.size(), 2U);
+  EXPECT_EQ(uploads[1].header("Length"), "3000000");
+  auto checks = server.requestsFor("MAC/SharedFiles.svc/CheckFileExistsInTransfers");
+  ASSERT_EQ(checks.size(), 2U);
+  EXPECT_TRUE(service->running());
+}
+
+TEST_F(ServiceProcessTest, FileInTheSharedListGoesToTheCloudAndBothReportsFollow) {
+  const fs::path file = product() / "Ann-Laptop (Shared)" / "Docs" / "notes.bin";
+  writeFile(file, 500000);
+  SharedFilesList::store(
+      UserDefaults::standardUserDefaults(),
+      {Value::Dictionary{
+          {"OwnerFileID", "OF2"}, {"FileName", Value(file.string())}, {"Blocked", "0"}}});
+  json record = sendRecord("T2", "OF2", "0", "1");
+  record["ToComputerID"] = "C1";
+  server.state().merge({{"computers", {{"C1", {{"FileToTransfer", {record}}}}}}});
+  startService();
+  sharedFile();
+  ASSERT_TRUE(waitUntil(
+      [&] { return !server.requestsFor("MAC/SharedFiles.svc/UpdateFileSendReceived").empty(); }));
+  EXPECT_EQ(server.requestsFor("MAC/SharedFiles.svc/UpdateFileExists").size(), 1U);
+  json copy = server.state().snapshot()["cloud"]["\\C1\\C1\\Work\\plan.bin"];
+  EXPECT_EQ(copy["sha256"], sha256Of(file));
+  const std::size_t queried = queries();
+  ASSERT_TRUE(queriedAtLeast(queried + 1));
+  EXPECT_TRUE(server.state().snapshot()["computers"]["C1"]["FileToTransfer"].empty())
+      << "sent and received: no longer pending";
+}

@@ -206,6 +206,9 @@ void ReferenceServer::install() {
                                            httplib::DataSink& /*sink*/) { return false; });
           return;
         }
+        while (state_.fault("holdUploadAnswers") == true) {
+          if (!pause(std::chrono::milliseconds(10))) return;
+        }
         response.set_content(answer->dump(), "application/json");
       });
   server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,

@@ -36,6 +36,13 @@ nlohmann::json ServerState::snapshot() const {
 
 void ServerState::openStore(const std::string& folder) { store_.open(folder); }
 
+nlohmann::json ServerState::fault(const std::string& name) const {
+  std::lock_guard lock(mutex_);
+  auto faults = state_.find("faults");
+  if (faults == state_.end() || !faults->is_object()) return nullptr;
+  return faults->value(name, nlohmann::json());
+}
+
 void ServerState::complete(const std::string& transfer) {
   state_["transfers"][transfer]["complete"] = true;
   if (!state_["computers"].is_object()) return;

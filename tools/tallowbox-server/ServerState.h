@@ -28,7 +28,8 @@
 // length and SHA-256 in snapshots. A transfer whose bytes are all there, or that
 // was reported sent and received, leaves every computer's "FileToTransfer".
 // {"faults": {"cutUploadAfter": n}} makes the next upload keep n bytes and then
-// drop the connection.
+// drop the connection; {"faults": {"holdUploadAnswers": true}} holds every
+// upload's answer, once its bytes are stored, until the fault is lifted.
 class ServerState {
  public:
   // The header values of a streamed upload, by name.
@@ -49,6 +50,8 @@ class ServerState {
   // nlohmann::json::exception when `patch` is not an object.
   void merge(const nlohmann::json& patch);
   nlohmann::json snapshot() const;
+  // The fault named `name` ("faults" in the state), or null.
+  nlohmann::json fault(const std::string& name) const;
 
   // The answer to an operation the state serves, or nullopt for the others.
   std::optional<nlohmann::json> answer(const std::string& operation, const std::string& body);
