@@ -62,6 +62,7 @@ fuzz: deps
 # What a cycle costs against its period; targets are in bench/CycleBench.cc.
 bench: build
 	$(BUILD)/bin/cycle_bench
+	$(BUILD)/bin/transfer_bench
 
 format:
 	clang-format -i $(SOURCES)

@@ -19,6 +19,7 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
+  pid_t pid() const { return pid_; }
   // False once the program has ended.
   bool running();
   // Waits for the program to end; its exit status, or 128 + the signal that ended it.
