@@ -57,8 +57,7 @@ double seconds(Clock::duration d) { return std::chrono::duration<double>(d).coun
 
 int main() {
   TemporaryFolder root;
-  ScopedEnvironment environment(
-      [&](Environment& e) { e.configFolder = root.file("config"); });
+  ScopedEnvironment environment([&](Environment& e) { e.configFolder = root.file("config"); });
   const fs::path file = root.path() / "home" / "big.bin";
   fs::create_directories(file.parent_path());
   writeFile(file, kFileSize);
@@ -81,10 +80,13 @@ int main() {
       "XDG_CONFIG_HOME=" + root.file("config"), "TMPDIR=" + root.path().string(),
       "TALLOWBOX_TEST_CYCLE_PERIOD_MS=100"};
   ChildProcess service({SERVICE_PROGRAM}, settings, root.file("service.log"));
-  const std::vector<std::string> call = {
-      "dbus-send", "--session", "--print-reply", "--dest=Quentara.SharedFilesXpcService",
-      "--type=method_call", "/Quentara/SharedFilesXpcService",
-      "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
+  const std::vector<std::string> call = {"dbus-send",
+                                         "--session",
+                                         "--print-reply",
+                                         "--dest=Quentara.SharedFilesXpcService",
+                                         "--type=method_call",
+                                         "/Quentara/SharedFilesXpcService",
+                                         "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
   if (!waitUntil([&] { return ChildProcess::run(call, settings) == 0; })) {
     std::cerr << "the service did not answer on the bus\n";
     return 1;
@@ -94,21 +96,20 @@ int main() {
   const long idle = peakKiB(service.pid());
 
   const auto started = Clock::now();
-  server.state().merge(
-      {{"computers",
-        {{"C1",
-          {{"FileToTransfer",
-            {{{"ChangeType", "1"},
-              {"IsFile", "True"},
-              {"IsOwnerToSubscriber", "1"},
-              {"OwnerFileID", "OF1"},
-              {"ToCloud", "0"},
-              {"FromComputerID", "C1"},
-              {"ToComputerID", "C2"},
-              {"SharedFileTransferID", "T1"},
-              {"FullPathfromFileTable", "big.bin"},
-              {"FullPath", "\\C1\\big.bin"},
-              {"TallowboxPath", root.file("home")}}}}}}}}});
+  server.state().merge({{"computers",
+                         {{"C1",
+                           {{"FileToTransfer",
+                             {{{"ChangeType", "1"},
+                               {"IsFile", "True"},
+                               {"IsOwnerToSubscriber", "1"},
+                               {"OwnerFileID", "OF1"},
+                               {"ToCloud", "0"},
+                               {"FromComputerID", "C1"},
+                               {"ToComputerID", "C2"},
+                               {"SharedFileTransferID", "T1"},
+                               {"FullPathfromFileTable", "big.bin"},
+                               {"FullPath", "\\C1\\big.bin"},
+                               {"TallowboxPath", root.file("home")}}}}}}}}});
   const char* upload = "MAC/SharedFiles.svc/UpdateSendFileToTransfer";
   bool sent = waitUntil(
       [&] {
@@ -126,24 +127,27 @@ int main() {
 
   // curl's own rate for the same bytes to the same server.
   const auto curlStarted = Clock::now();
-  std::string command = "curl -s -o /dev/null -X POST -H 'Transfer-Encoding: chunked' "
-                        "-H 'Content-Type: application/octet-stream' "
-                        "-H 'SharedFileTransferID: curl' -H 'Length: 0' -T '" +
-                        file.string() + "' '" + server.baseURL() + upload + "'";
+  std::string command =
+      "curl -s -o /dev/null -X POST -H 'Transfer-Encoding: chunked' "
+      "-H 'Content-Type: application/octet-stream' "
+      "-H 'SharedFileTransferID: curl' -H 'Length: 0' -T '" +
+      file.string() + "' '" + server.baseURL() + upload + "'";
   int curlStatus = std::system(command.c_str());  // NOLINT(concurrency-mt-unsafe)
   const auto curlTook = Clock::now() - curlStarted;
 
   const double mib = static_cast<double>(kFileSize) / (1 << 20);
-  std::printf("upload of 1 GiB through the service: %.2f s (%.0f MiB/s, from the record's "
-              "arrival to the transfer's completion)\n",
-              seconds(took), mib / seconds(took));
+  std::printf(
+      "upload of 1 GiB through the service: %.2f s (%.0f MiB/s, from the record's "
+      "arrival to the transfer's completion)\n",
+      seconds(took), mib / seconds(took));
   if (curlStatus == 0) {
     std::printf("the same bytes with curl:            %.2f s (%.0f MiB/s)\n", seconds(curlTook),
                 mib / seconds(curlTook));
   }
-  std::printf("service peak resident size: idle %ld KiB, sending %ld KiB, growth %ld KiB "
-              "(target: at most %ld KiB)\n",
-              idle, sending, sending - idle, kTargetKiB);
+  std::printf(
+      "service peak resident size: idle %ld KiB, sending %ld KiB, growth %ld KiB "
+      "(target: at most %ld KiB)\n",
+      idle, sending, sending - idle, kTargetKiB);
   const bool met = sending - idle <= kTargetKiB;
   std::printf("%s\n", met ? "memory target met" : "memory target MISSED");
   return met ? 0 : 1;

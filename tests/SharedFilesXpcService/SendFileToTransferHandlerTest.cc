@@ -211,6 +211,32 @@ TEST_F(SendFileToTransferHandlerTest, CloudUploadStartsAtZeroAndIsFollowedByBoth
   handler->FileToTransferMethod({record(aFile("T3", "F2", "1"))});
   ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kToCloud).size() == 2; }));
   EXPECT_EQ(server.requestsFor(kToCloud)[1].header("ComputerID"), "C2");
+  ASSERT_TRUE(notifiedAtLeast(4));
+
+  // On hosts of AppKit 1138 to 1342 the upload goes on a connection: the answer
+  // notifies once, and no follow-up is made.
+  environment.update([](Environment& e) { e.appKitVersionNumber = 1200; });
+  server.clearRequests();
+  handler->FileToTransferMethod({record(aFile("T14", "F2", "1"))});
+  ASSERT_TRUE(notifiedAtLeast(5));
+  ASSERT_EQ(server.requestsFor(kToCloud).size(), 1U);
+  EXPECT_EQ(server.requestsFor(kToCloud)[0].body, bytesOf(path));
+  // The completion of a later session upload shows what the connection left out.
+  environment.update([](Environment& e) { e.appKitVersionNumber = std::nullopt; });
+  handler->FileToTransferMethod({record(aFile("T15", "F2", "1"))});
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kSendReceived).size() == 1; }));
+  EXPECT_EQ(json::parse(server.requestsFor(kSendReceived)[0].body)["SharedFileTransferID"], "T15");
+  EXPECT_TRUE(waitUntil([&] { return server.requestsFor(kExists).size() == 1; }));
+  ASSERT_TRUE(notifiedAtLeast(7));
+
+  // Without a network the cloud upload goes on with no request, and tells nobody.
+  network = FixedReachability::install(0);
+  const int before = delegate->notified;
+  handler->FileToTransferMethod({record(aFile("T16", "F2", "1"))});
+  EXPECT_TRUE(log.contains("connection not available......."));
+  EXPECT_TRUE(log.contains("request in async task is(null)"));
+  EXPECT_EQ(delegate->notified, before);
+  EXPECT_EQ(server.requestsFor(kToCloud).size(), 2U);
 }
 
 TEST_F(SendFileToTransferHandlerTest, RecordsThatEndWithoutAnUploadNotifyAsTheirRulesSay) {
