@@ -212,6 +212,9 @@ TEST_F(SendFileToTransferHandlerTest, CloudUploadStartsAtZeroAndIsFollowedByBoth
   ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kToCloud).size() == 2; }));
   EXPECT_EQ(server.requestsFor(kToCloud)[1].header("ComputerID"), "C2");
   ASSERT_TRUE(notifiedAtLeast(4));
+  ASSERT_TRUE(waitUntil([&] {
+    return server.requestsFor(kSendReceived).size() == 2 && server.requestsFor(kExists).size() == 2;
+  }));
 
   // On hosts of AppKit 1138 to 1342 the upload goes on a connection: the answer
   // notifies once, and no follow-up is made.
@@ -334,10 +337,27 @@ TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheP
   }
   EXPECT_TRUE(log.containsPrefix("Dropped a reply the send pass cannot read: "));
 
+  // Entries that lack the path: nothing is found, nothing is sent.
+  Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  list.emplace_back(Value::Dictionary{{"OwnerFileID", "F20"}});
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+  UserDefaults("Quentara.SyncFilesXpcService")
+      .setObject(Value(Value::Array{Value::Dictionary{{"FileIDKey", "F21"}}}),
+                 "FileWatchedDataKey");
+  json owned = aFile("T21", "F21", "0");
+  owned["IsOwnerToSubscriber"] = "1";
+  server.clearScripts();
+  server.clearRequests();
+  int before = delegate->notified;
+  handler->FileToTransferMethod({record(aFile("T20", "F20", "0")), record(owned)});
+  ASSERT_TRUE(notifiedAtLeast(before + 2));
+  EXPECT_EQ(handler->strFileNameToSend(), "");
+  EXPECT_TRUE(server.requestsFor(kToComputer).empty());
+
   // An answer that is not JSON is logged as text; the completion still notifies.
   server.clearScripts();
   server.script(kToComputer, ReferenceServer::raw("<html>busy</html>", "text/html"));
-  const int before = delegate->notified;
+  before = delegate->notified;
   handler->FileToTransferMethod({record(aFile("T13", "F12", "0"))});
   ASSERT_TRUE(notifiedAtLeast(before + 1));
   EXPECT_TRUE(log.waitFor("responseData = <html>busy</html>"));
