@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::uint64_t kFileSize = 1ULL << 30U;
-constexpr long kTargetKiB = 16 * 1024;
+constexpr long kTargetKiB = 16L * 1024;
 
 // The peak resident size of process `pid`, in KiB.
 long peakKiB(pid_t pid) {

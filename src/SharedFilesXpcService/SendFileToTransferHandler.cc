@@ -66,7 +66,9 @@ std::string describe(const URLRequest& request) {
 
 std::string describe(const std::vector<std::pair<std::string, std::string>>& headers) {
   std::string text = "{";
-  for (const auto& [name, value] : headers) text += "\n    \"" + name + "\" = \"" + value + "\";";
+  for (const auto& [name, value] : headers) {
+    text.append("\n    \"").append(name).append("\" = \"").append(value).append("\";");
+  }
   return text + "\n}";
 }
 

@@ -192,8 +192,6 @@ std::string deepBinaryList(std::uint32_t depth) {
 }
 
 TEST_F(UserDefaultsTest, SuitesNestedAMillionDeepAreUnreadableNotTheEndOfTheProcess) {
-  const std::string xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>" +
-                          std::string(1000000 * 7, ' ') + "</dict></plist>";
   std::string deepXml = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
   for (int i = 0; i < 1000000; ++i) deepXml += "<array>";
   for (int i = 0; i < 1000000; ++i) deepXml += "</array>";

@@ -182,7 +182,7 @@ void ReferenceServer::install() {
         } else {
           answer = state_.receive(
               recorded.operation,
-              [&](const std::string& name) { return request.get_header_value(name.c_str()); },
+              [&](const std::string& name) { return request.get_header_value(name); },
               [&](const std::function<bool(const char*, std::size_t)>& sink) {
                 return content([&](const char* data, std::size_t length) {
                   note(data, length);
