@@ -1,16 +1,14 @@
 #include "Services/ServicesUtilities.h"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <atomic>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
+#include "Platform/ConfinedFolder.h"
 #include "Platform/Environment.h"
 #include "Platform/PathNames.h"
 
@@ -48,40 +46,17 @@ std::string ServicesUtilities::convertPathToWindows(const std::string& path) {
   return server;
 }
 
-namespace {
-
-namespace fs = std::filesystem;
-
-// Copies `from` (a file or a whole folder) to `to`, which must be free: the copy
-// is made under a hidden name beside `to` and renamed into place only when whole,
-// without replacing anything; a copy that fails half-way leaves nothing behind.
-bool copyWhole(const std::string& from, const std::string& to) {
-  static std::atomic<unsigned> copies{0};
-  const std::string partial = PathNames::stringByAppendingPathComponent(
-      PathNames::stringByDeletingLastPathComponent(to),
-      "." + PathNames::lastPathComponent(to) + ".partial-" + std::to_string(::getpid()) + "-" +
-          std::to_string(copies.fetch_add(1)));
-  std::error_code error;
-  fs::copy(from, partial, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
-  if (!error &&
-      ::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
-    return true;
-  }
-  fs::remove_all(partial, error);
-  return false;
-}
-
-}  // namespace
-
 std::string ServicesUtilities::checkDuplicateAndCreate(const std::string& path,
-                                                       const std::string& /*tallowboxPath*/) {
-  std::error_code error;
-  if (!fs::exists(fs::symlink_status(path, error))) return path;
-  const std::string folder = PathNames::stringByDeletingLastPathComponent(path);
+                                                       const std::string& tallowboxPath) {
+  // The folder names nothing in the result; every copy stays inside it.
+  const ConfinedFolder folder(tallowboxPath);
+  std::optional<struct stat> existing = folder.status(path);
+  if (!existing) return path;
+  const std::string parent = PathNames::stringByDeletingLastPathComponent(path);
   const std::string name =
       PathNames::stringByDeletingPathExtension(PathNames::lastPathComponent(path));
   const std::string extension = PathNames::pathExtension(path);
-  const bool isDirectory = fs::is_directory(fs::symlink_status(path, error));
+  const bool isDirectory = S_ISDIR(existing->st_mode);
   // Taken names are skipped without limit. A copy that fails would fail the same
   // way under every name, so a few failures end the search.
   constexpr int kFailedCopiesAllowed = 3;
@@ -89,11 +64,15 @@ std::string ServicesUtilities::checkDuplicateAndCreate(const std::string& path,
   for (long counter = 1;; ++counter) {
     std::string candidate = name + " " + std::to_string(counter);
     if (!isDirectory && !extension.empty()) candidate += "." + extension;
-    std::string newPath = PathNames::stringByAppendingPathComponent(folder, candidate);
-    if (fs::exists(fs::symlink_status(newPath, error))) continue;
-    if (copyWhole(path, newPath)) return newPath;
-    if (++failedCopies == kFailedCopiesAllowed) {
-      throw std::runtime_error("cannot copy " + path + " to a free name");
+    std::string newPath = PathNames::stringByAppendingPathComponent(parent, candidate);
+    if (folder.exists(newPath)) continue;
+    try {
+      folder.copy(path, newPath);
+      return newPath;
+    } catch (const std::system_error& error) {
+      if (++failedCopies == kFailedCopiesAllowed) {
+        throw std::runtime_error("cannot copy " + path + " to a free name: " + error.what());
+      }
     }
   }
 }

@@ -29,8 +29,10 @@ class ServicesUtilities {
   // Where a received item may be written at `path`: the path itself when it is
   // free; otherwise the item already there is copied beside itself to the first
   // free numbered name ("report 1.txt", "report 2.txt", ...; a folder "Photos 1")
-  // and that copy's path is returned, the original left untouched. `tallowboxPath`
-  // is not used. Throws std::runtime_error when copying keeps failing.
+  // and that copy's path is returned, the original left untouched. The copy is
+  // whole or not there at all. `tallowboxPath` names nothing in the result; it is
+  // the folder every copy stays inside. Throws std::runtime_error when copying
+  // keeps failing, ConfinedFolder::Refused when a path would leave the folder.
   static std::string checkDuplicateAndCreate(const std::string& path,
                                              const std::string& tallowboxPath);
 };

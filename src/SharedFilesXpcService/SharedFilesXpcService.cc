@@ -2,8 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <filesystem>
+#include <system_error>
 
+#include "Platform/ConfinedFolder.h"
 #include "Platform/Environment.h"
 #include "Platform/Log.h"
 #include "Platform/Readings.h"
@@ -225,9 +226,12 @@ Value SharedFilesXpcService::newRootFolder(const OwnerComputers& owner,
 
   ServiceFolders::checkInside(wanted, prefs);
   const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
-  std::error_code error;
-  if (!std::filesystem::exists(std::filesystem::symlink_status(free, error))) {
-    std::filesystem::create_directories(free, error);
+  const ConfinedFolder product(productFolder);
+  if (!product.exists(free)) {
+    try {
+      product.createDirectories(free);
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): ignored, as ever
+    }
   }
   // kept: the entry names the wanted path and its file number even when a folder
   // of that name existed and the free path differs; it then names the older one.

@@ -37,11 +37,12 @@ TEST(PlacementTest, TakenFileIsCopiedToTheFirstFreeNumberedNameBesideIt) {
   TemporaryFolder folder;
   std::ofstream(folder.file("x.txt")) << "original";
   std::ofstream(folder.file("x 1.txt")) << "older copy";
-  EXPECT_EQ(ServicesUtilities::checkDuplicateAndCreate(folder.file("free.txt"), "unused"),
+  EXPECT_EQ(ServicesUtilities::checkDuplicateAndCreate(folder.file("free.txt"), folder.path()),
             folder.file("free.txt"));
   EXPECT_FALSE(fs::exists(folder.file("free.txt")));
 
-  std::string placed = ServicesUtilities::checkDuplicateAndCreate(folder.file("x.txt"), "unused");
+  std::string placed =
+      ServicesUtilities::checkDuplicateAndCreate(folder.file("x.txt"), folder.path());
   EXPECT_EQ(placed, folder.file("x 2.txt"));
   EXPECT_EQ(contents(placed), "original") << "the existing item is duplicated";
   EXPECT_EQ(contents(folder.file("x.txt")), "original");
@@ -49,7 +50,7 @@ TEST(PlacementTest, TakenFileIsCopiedToTheFirstFreeNumberedNameBesideIt) {
 
   fs::create_directories(folder.path() / "Photos.album" / "inner");
   std::ofstream(folder.path() / "Photos.album" / "inner" / "p.jpg") << "jpg";
-  placed = ServicesUtilities::checkDuplicateAndCreate(folder.file("Photos.album"), "unused");
+  placed = ServicesUtilities::checkDuplicateAndCreate(folder.file("Photos.album"), folder.path());
   EXPECT_EQ(placed, folder.file("Photos 1")) << "a folder's name loses its extension";
   EXPECT_EQ(contents(fs::path(placed) / "inner" / "p.jpg"), "jpg");
 }
@@ -59,7 +60,7 @@ TEST(PlacementTest, CopyThatFailsHalfWayLeavesNoPartialTree) {
   fs::create_directories(folder.path() / "Music" / "a");
   std::ofstream(folder.path() / "Music" / "a" / "song.mp3") << "la";
   ASSERT_EQ(::mkfifo((folder.path() / "Music" / "z-pipe").c_str(), 0600), 0);
-  EXPECT_THROW(ServicesUtilities::checkDuplicateAndCreate(folder.file("Music"), "unused"),
+  EXPECT_THROW(ServicesUtilities::checkDuplicateAndCreate(folder.file("Music"), folder.path()),
                std::runtime_error);
   std::vector<std::string> left;
   for (const auto& item : fs::directory_iterator(folder.path())) {
