@@ -90,6 +90,27 @@ bool writeAll(int fd, const char* data, std::size_t length) {
   return true;
 }
 
+// The names in the folder open as `folder`, but "." and "..".
+std::vector<std::string> namesIn(int folder, const std::string& path) {
+  DIR* listing = ::fdopendir(::dup(folder));
+  if (listing == nullptr) throw failure("cannot list", path);
+  std::vector<std::string> names;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
+  while (dirent* entry = ::readdir(listing)) {
+    std::string item = entry->d_name;
+    if (item != "." && item != "..") names.push_back(std::move(item));
+  }
+  ::closedir(listing);
+  return names;
+}
+
+std::string below(const std::string& path, const std::string& name) {
+  std::string child = path;
+  child += '/';
+  child += name;
+  return child;
+}
+
 // Copies the regular file open as `source` into the new file `name` of `folder`.
 void copyFile(int source, int folder, const std::string& name, mode_t mode,
               const std::string& path) {
@@ -123,16 +144,8 @@ void copyTree(int from, const std::string& name, int to, const std::string& copy
         ::openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     Descriptor target(::openat(to, copy.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (source.get() < 0 || target.get() < 0) throw failure("cannot copy", path);
-    DIR* listing = ::fdopendir(::dup(source.get()));
-    if (listing == nullptr) throw failure("cannot list", path);
-    std::vector<std::string> names;
-    while (dirent* entry = ::readdir(listing)) {
-      std::string item = entry->d_name;
-      if (item != "." && item != "..") names.push_back(item);
-    }
-    ::closedir(listing);
-    for (const std::string& item : names) {
-      copyTree(source.get(), item, target.get(), item, path + "/" + item);
+    for (const std::string& item : namesIn(source.get(), path)) {
+      copyTree(source.get(), item, target.get(), item, below(path, item));
     }
     return;
   }
@@ -165,15 +178,9 @@ void removeTree(int folder, const std::string& name, const std::string& path) {
     Descriptor inside(
         ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (inside.get() < 0) throw failure("cannot open", path);
-    DIR* listing = ::fdopendir(::dup(inside.get()));
-    if (listing == nullptr) throw failure("cannot list", path);
-    std::vector<std::string> names;
-    while (dirent* entry = ::readdir(listing)) {
-      std::string item = entry->d_name;
-      if (item != "." && item != "..") names.push_back(item);
+    for (const std::string& item : namesIn(inside.get(), path)) {
+      removeTree(inside.get(), item, below(path, item));
     }
-    ::closedir(listing);
-    for (const std::string& item : names) removeTree(inside.get(), item, path + "/" + item);
     if (::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
       throw failure("cannot remove", path);
     }
