@@ -12,14 +12,17 @@ URLConnection::URLConnection(URLRequest request, std::shared_ptr<URLConnectionDe
     : request_(std::move(request)), delegate_(std::move(delegate)) {}
 
 void URLConnection::start() {
-  std::lock_guard lock(mutex_);
-  if (task_) return;
   auto session = URLSession::sessionWithConfiguration(
       URLSessionConfiguration::defaultSessionConfiguration(), weak_from_this(),
       [queue = queue_](Scheduler::Work work) { queue->addOperationWithBlock(std::move(work)); });
-  task_ = session->dataTaskWithRequest(request_);
-  self_ = shared_from_this();
-  task_->resume();
+  std::shared_ptr<URLSessionTask> task;
+  {
+    std::lock_guard lock(mutex_);
+    if (task_) return;
+    task_ = task = session->dataTaskWithRequest(request_);
+    self_ = shared_from_this();
+  }
+  task->resume();  // outside the lock: the engine may report at once
 }
 
 void URLConnection::cancel() {

@@ -42,17 +42,6 @@ const WireValue& cloudComputerId(const FileToTransfer& file) {
                                                                            : file.toComputerId;
 }
 
-// Every header value an upload of `file` would carry, read now, so that a value
-// no header can hold ends the record in the pass rather than later.
-void checkHeaderValues(const FileToTransfer& file) {
-  for (const WireValue* value :
-       {&cloudComputerId(file), &file.fullPath, &file.tallowboxPath, &file.sharedFileTransferId,
-        &file.changeType, &file.fullPathfromFileTable, &file.toCloud, &file.isFile,
-        &file.toComputerId, &file.fullPathNew, &file.ownerFileID, &file.fromComputerId}) {
-    static_cast<void>(Readings::headerText(*value));
-  }
-}
-
 // The size of the regular file at `path` as decimal text; "0" for anything else.
 std::string lengthOf(const std::string& path) {
   struct stat st {};
@@ -191,7 +180,6 @@ void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTra
         notify();
         continue;
       }
-      checkHeaderValues(file);
       Log::line("Inside if loop......");
       {
         std::lock_guard lock(mutex_);
@@ -204,6 +192,8 @@ void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTra
       }
       if (Readings::integerValue(file.toCloud) == 1) {
         {
+          // kept: nothing ever clears it, so once a cloud record has been handled
+          // every later completion on a session runs the cloud's follow-ups too.
           std::lock_guard lock(mutex_);
           userType_ = "Cloud";
         }
@@ -331,7 +321,7 @@ void SendFileToTransferHandler::answerArrived(const std::string& data) const {
   Log::line("response = " + JsonBody::describe(*answer));
   if (!answer->is_object()) throw ValueError("an upload's answer is no dictionary");
   auto status = answer->find("ReturnStatus");
-  if (status != answer->end() && status->is_string() && *status == "0") notify();
+  if (status != answer->end() && Readings::isEqualToString(*status, "0")) notify();
 }
 
 void SendFileToTransferHandler::endRecordOnFailure(const std::function<void()>& work) const {
@@ -380,8 +370,9 @@ void SendFileToTransferHandler::didCompleteWithError(URLSessionTask& task,
   Log::printf("errror is*************%s", error ? error->description().c_str() : "(null)");
   if (!error && userType() == "Cloud") {
     // kept: the follow-ups report the record stored last, whichever task ended.
-    UpdateFileExistMethod(fileToTransfer());
-    UpdateFileSendReceivedMethod(fileToTransfer());
+    const FileToTransfer last = fileToTransfer();
+    UpdateFileExistMethod(last);
+    UpdateFileSendReceivedMethod(last);
   }
   notify();
 }

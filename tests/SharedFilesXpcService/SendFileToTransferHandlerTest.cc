@@ -292,10 +292,12 @@ TEST_F(SendFileToTransferHandlerTest, RecordsThatEndWithoutAnUploadNotifyAsTheir
 
 TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheProcess) {
   LogCapture log;
-  // A value no header can hold ends the pass under its guard, reported once.
-  json broken = aFile("T9", "F9", "0");
+  // A value no header can hold: on the way to the cloud, set in the pass, it ends
+  // the pass under its guard, reported once, and the records after it wait.
+  sharedFile("F9", 10);
+  json broken = aFile("T9", "F9", "1");
   broken["TallowboxPath"] = {{"not", "a path"}};
-  json never = aFile("T10", "F10", "0");
+  json never = aFile("T10", "F9", "0");
   handler->FileToTransferMethod({record(broken), record(never)});
   EXPECT_EQ(delegate->notified, 1) << "one notification for the whole pass";
   EXPECT_TRUE(log.containsPrefix("Send File To Transfer Exception "));
@@ -304,18 +306,23 @@ TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheP
             "FileToTransferMethod");
   EXPECT_TRUE(server.requestsFor(kCheck).empty()) << "the records after it wait for the next pass";
 
-  for (const json& value : {json(nullptr), json(7), json("a\r\nX-Evil: 1")}) {
-    json odd = aFile("T11", "F11", "0");
-    odd["OwnerFileID"] = "F11";
+  // To another computer, set in the position's answer, it ends that record alone.
+  for (const json& value : {json(nullptr), json("a\r\nX-Evil: 1")}) {
+    json odd = aFile("T11", "F9", "0");
     odd["FullPath"] = value;
     const int before = delegate->notified;
     handler->FileToTransferMethod({record(odd)});
-    if (value.is_number()) {
-      ASSERT_TRUE(notifiedAtLeast(before + 1)) << value;  // a number is its text
-    } else {
-      EXPECT_EQ(delegate->notified, before + 1) << value;
-    }
+    ASSERT_TRUE(notifiedAtLeast(before + 1)) << value;
+    EXPECT_TRUE(server.requestsFor(kToComputer).empty()) << value;
   }
+  EXPECT_TRUE(log.containsPrefix("Dropped a reply the send pass cannot read: "));
+  json numbered = aFile("T11", "F9", "0");
+  numbered["FullPath"] = 7;
+  const int sent = delegate->notified;
+  handler->FileToTransferMethod({record(numbered)});
+  ASSERT_TRUE(notifiedAtLeast(sent + 2)) << "its answer and its completion";
+  ASSERT_EQ(server.requestsFor(kToComputer).size(), 1U);
+  EXPECT_EQ(server.requestsFor(kToComputer)[0].header("FileNameToSend"), "7") << "a number's text";
 
   // Positions that are no position: past any end, or unreadable.
   const std::string path = sharedFile("F12", 5000);

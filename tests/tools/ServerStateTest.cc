@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "ServerState.h"
+#include "support/TemporaryFolder.h"
 
 using nlohmann::json;
 
@@ -45,6 +48,40 @@ TEST(ServerStateTest, ErrorReportsAreKeptAndChangesMustBeObjects) {
   EXPECT_THROW(state.merge(5), json::exception);
   EXPECT_THROW(state.load("{"), json::exception);
   EXPECT_EQ(state.snapshot()["errorLog"].size(), 1U) << "the state is unchanged";
+}
+
+TEST(ServerStateTest, DownloadsStartAtTheirLengthAndAcknowledgedFilesLeaveThePendingList) {
+  TemporaryFolder folder;
+  ServerState state;
+  state.openStore(folder.file("store"));
+  state.load(R"({"saved": {"S1": {"text": "hello world"}, "S2": {"size": 100000}},
+                 "computers": {"C2": {"RecFileFromTransfer": [{"SharedFileTransferID": "R1"},
+                                                              {"SharedFileTransferID": "R2"}]}}})");
+  const char* fromComputer = "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer";
+  auto asked = state.download(fromComputer, R"({"SavedFileID": "S1", "Length": "6"})");
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(asked->offset, 6U);
+  EXPECT_EQ(asked->size, 11U);
+  std::ifstream bytes(asked->path, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(bytes), {}), "hello world");
+  EXPECT_EQ(state.download(fromComputer, R"({"SavedFileID": "S2", "Length": "0"})")->size, 100000U);
+  EXPECT_EQ(state.download(fromComputer, R"({"SavedFileID": "none"})")->size, 0U);
+  EXPECT_EQ(state.download(fromComputer, "not JSON")->size, 0U);
+  EXPECT_FALSE(state.download("MAC/SharedFiles.svc/Other", "{}"));
+
+  state.merge({{"faults", {{"cutDownloadAfter", 3}}}});
+  EXPECT_EQ(state.download(fromComputer, R"({"SavedFileID": "S1"})")->cutAfter, 3U);
+  EXPECT_EQ(state.download(fromComputer, R"({"SavedFileID": "S1"})")->cutAfter, UINT64_MAX)
+      << "once";
+
+  EXPECT_EQ(*state.answer("MAC/SharedFiles.svc/IsFileExistsInCloud", R"({"StrFullPath": "x"})"),
+            json({{"ReturnStatus", "0"}, {"IsExists", "False"}}));
+  state.answer("MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer",
+               R"({"SharedFileTransferID": "R1", "IsExists": "true"})");
+  EXPECT_EQ(state.snapshot()["computers"]["C2"]["RecFileFromTransfer"],
+            json::parse(R"([{"SharedFileTransferID": "R2"}])"));
+  state.answer("MAC/SharedFiles.svc/UpdateFileReceived", R"({"SharedFileTransferID": "R2"})");
+  EXPECT_TRUE(state.snapshot()["computers"]["C2"]["RecFileFromTransfer"].empty());
 }
 
 }  // namespace

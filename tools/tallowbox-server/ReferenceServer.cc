@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace {
@@ -129,6 +130,35 @@ ReferenceServer::Reply ReferenceServer::nextReply(const std::string& operation,
   return reply;
 }
 
+bool ReferenceServer::hasScript(const std::string& operation) const {
+  std::lock_guard lock(mutex_);
+  auto found = scripts_.find(operation);
+  return found != scripts_.end() && !found->second.empty();
+}
+
+void ReferenceServer::serve(const ServerState::Download& download, httplib::Response& response) {
+  const std::uint64_t from = std::min(download.offset, download.size);
+  const std::uint64_t length = download.size - from;
+  if (length == 0) {
+    response.set_content("", "application/octet-stream");
+    return;
+  }
+  // Streamed from the store's file, a piece at a time.
+  auto file = std::make_shared<std::ifstream>(download.path, std::ios::binary);
+  const std::uint64_t cut = download.cutAfter;
+  response.set_content_provider(
+      static_cast<std::size_t>(length), "application/octet-stream",
+      [file, from, cut](std::size_t offset, std::size_t wanted, httplib::DataSink& sink) {
+        if (offset >= cut) return false;  // drops the connection
+        std::string piece(
+            std::min<std::size_t>({wanted, 1 << 16, static_cast<std::size_t>(cut - offset)}), '\0');
+        file->seekg(static_cast<std::streamoff>(from + offset));
+        file->read(piece.data(), static_cast<std::streamsize>(piece.size()));
+        if (file->gcount() <= 0) return false;
+        return sink.write(piece.data(), static_cast<std::size_t>(file->gcount()));
+      });
+}
+
 bool ReferenceServer::pause(std::chrono::milliseconds duration) {
   std::unique_lock lock(mutex_);
   return !stopping_.wait_for(lock, duration, [this] { return stopped_; });
@@ -219,6 +249,13 @@ void ReferenceServer::install() {
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(recorded);
+    }
+    if (!hasScript(recorded.operation)) {
+      if (std::optional<ServerState::Download> download =
+              state_.download(recorded.operation, recorded.body)) {
+        serve(*download, response);
+        return;
+      }
     }
     Reply reply = nextReply(recorded.operation, recorded.body);
     if (reply.delay.count() > 0 && !pause(reply.delay)) return;

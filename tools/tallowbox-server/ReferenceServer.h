@@ -18,7 +18,8 @@
 
 namespace httplib {
 class Server;
-}
+struct Response;
+}  // namespace httplib
 
 // The reference server of the Tallowbox REST service, for tests, the demo and
 // benchmarks. It answers POSTs to any operation below "/TallowboxRestService/":
@@ -89,6 +90,9 @@ class ReferenceServer {
   void install();
   // The scripted reply, or the state's answer, or the default reply.
   Reply nextReply(const std::string& operation, const std::string& body);
+  bool hasScript(const std::string& operation) const;
+  // Answers with a download's bytes, streamed from the store.
+  static void serve(const ServerState::Download& download, httplib::Response& response);
   // Sleeps up to `duration`; false when the server is stopping.
   bool pause(std::chrono::milliseconds duration);
 

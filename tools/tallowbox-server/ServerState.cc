@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 
 namespace {
 
@@ -62,6 +63,84 @@ void ServerState::complete(const std::string& transfer) {
   }
 }
 
+std::uint64_t ServerState::takeCut(const char* fault) {
+  nlohmann::json& faults = state_["faults"];
+  if (!faults.is_object() || !faults.contains(fault) || !faults[fault].is_number_integer() ||
+      faults[fault] < 0) {
+    return UINT64_MAX;
+  }
+  auto cut = faults[fault].get<std::uint64_t>();
+  faults.erase(fault);
+  return cut;
+}
+
+void ServerState::received(const std::string& transfer) {
+  state_["received"][transfer] = true;
+  nlohmann::json& computers = state_["computers"];
+  if (!computers.is_object()) return;
+  for (auto& [id, computer] : computers.items()) {
+    if (!computer.is_object() || !computer.contains("RecFileFromTransfer") ||
+        !computer["RecFileFromTransfer"].is_array()) {
+      continue;
+    }
+    nlohmann::json& files = computer["RecFileFromTransfer"];
+    files.erase(std::remove_if(files.begin(), files.end(),
+                               [&](const nlohmann::json& file) {
+                                 return file.is_object() &&
+                                        file.value("SharedFileTransferID", nlohmann::json()) ==
+                                            transfer;
+                               }),
+                files.end());
+  }
+}
+
+std::optional<ServerState::Download> ServerState::download(const std::string& operation,
+                                                           const std::string& body) {
+  const bool fromComputer = operation == "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer";
+  if (!fromComputer && operation != "MAC/SharedFiles.svc/GetFileStreamFromCloud") {
+    return std::nullopt;
+  }
+  nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
+  if (!request.is_object()) request = nlohmann::json::object();
+  const nlohmann::json key =
+      request.value(fromComputer ? "SavedFileID" : "StrFullPath", nlohmann::json());
+  const nlohmann::json length = request.value("Length", nlohmann::json());
+  Download download;
+  if (length.is_string())
+    download.offset = std::strtoull(length.get<std::string>().c_str(), nullptr, 10);
+  std::lock_guard lock(mutex_);
+  download.cutAfter = takeCut("cutDownloadAfter");
+  if (!key.is_string()) return download;
+  const std::string name = (fromComputer ? "saved/" : "cloud/") + key.get<std::string>();
+  if (fromComputer && store_.size(name) == 0 && state_["saved"].is_object() &&
+      state_["saved"].contains(key.get<std::string>())) {
+    // A saved file of the scenario, made the first time it is asked for.
+    const nlohmann::json& saved = state_["saved"][key.get<std::string>()];
+    std::string text = saved.is_object() ? saved.value("text", std::string()) : std::string();
+    std::uint64_t size = saved.is_object() && saved.contains("size") && saved["size"].is_number()
+                             ? saved["size"].get<std::uint64_t>()
+                             : text.size();
+    std::uint64_t made = 0;
+    store_.replace(name, [&](const std::function<bool(const char*, std::size_t)>& sink) {
+      std::string block(1 << 16, '\0');
+      while (made < size) {
+        std::size_t n =
+            static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - made));
+        for (std::size_t i = 0; i < n; ++i) {
+          std::uint64_t at = made + i;
+          block[i] = at < text.size() ? text[at] : static_cast<char>((at * 7 + at / 4093) & 0xFF);
+        }
+        if (!sink(block.data(), n)) return false;
+        made += n;
+      }
+      return true;
+    });
+  }
+  download.path = store_.pathOf(name);
+  download.size = store_.size(name);
+  return download;
+}
+
 std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
                                                    const Header& header,
                                                    const TransferStore::Reader& read) {
@@ -70,12 +149,7 @@ std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
   std::string sender = header("ComputerID");
   {
     std::lock_guard lock(mutex_);
-    nlohmann::json& faults = state_["faults"];
-    if (faults.is_object() && faults.contains("cutUploadAfter") &&
-        faults["cutUploadAfter"].is_number_integer() && faults["cutUploadAfter"] >= 0) {
-      limit = faults["cutUploadAfter"].get<std::uint64_t>();
-      faults.erase("cutUploadAfter");
-    }
+    limit = takeCut("cutUploadAfter");
     // The cloud keeps a copy under its sender's name, whoever receives it.
     const nlohmann::json& computers = state_["computers"];
     for (auto computer = computers.begin(); computers.is_object() && computer != computers.end();
@@ -140,6 +214,17 @@ std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
     return nlohmann::json{
         {"ReturnStatus", "0"},
         {"ByteStartPos", std::to_string(store_.size("transfers/" + transfer.get<std::string>()))}};
+  }
+  if (operation == "MAC/SharedFiles.svc/UpdateFileReceived" ||
+      operation == "MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer") {
+    if (transfer.is_string()) received(transfer.get<std::string>());
+    return nlohmann::json{{"ReturnStatus", "0"}};
+  }
+  if (operation == "MAC/SharedFiles.svc/IsFileExistsInCloud") {
+    const nlohmann::json path = request.value("StrFullPath", nlohmann::json());
+    bool exists = path.is_string() &&
+                  std::filesystem::exists(store_.pathOf("cloud/" + path.get<std::string>()));
+    return nlohmann::json{{"ReturnStatus", "0"}, {"IsExists", exists ? "True" : "False"}};
   }
   if (operation == "MAC/SharedFiles.svc/UpdateFileExists" ||
       operation == "MAC/SharedFiles.svc/UpdateFileSendReceived") {

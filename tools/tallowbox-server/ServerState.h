@@ -27,6 +27,11 @@
 // path>"). "transfers" and "cloud" in the state say what each holds, with its
 // length and SHA-256 in snapshots. A transfer whose bytes are all there, or that
 // was reported sent and received, leaves every computer's "FileToTransfer".
+// Files to receive come from "saved": {"<SavedFileID>": {"text": "..."} or
+// {"size": n}}, made into the store when first asked for. Once acknowledged
+// (UpdateFileReceived, DeleteReceivedFileFromTransfer) an entry leaves every
+// computer's "RecFileFromTransfer". {"faults": {"cutDownloadAfter": n}} drops the
+// next download after n bytes.
 // {"faults": {"cutUploadAfter": n}} makes the next upload keep n bytes and then
 // drop the connection; {"faults": {"holdUploadAnswers": true}} holds every
 // upload's answer, once its bytes are stored, until the fault is lifted.
@@ -53,6 +58,19 @@ class ServerState {
   // The fault named `name` ("faults" in the state), or null.
   nlohmann::json fault(const std::string& name) const;
 
+  // What a download sends: the file that holds its bytes, where it starts, and
+  // how many bytes at most before the connection is dropped.
+  struct Download {
+    std::string path;
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+    std::uint64_t cutAfter = UINT64_MAX;
+  };
+  // The bytes asked for by "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer" (the
+  // saved file "SavedFileID", from "Length") or "MAC/SharedFiles.svc/GetFileStreamFromCloud"
+  // (the cloud's copy "StrFullPath", from "Length"); nullopt for other operations.
+  std::optional<Download> download(const std::string& operation, const std::string& body);
+
   // The answer to an operation the state serves, or nullopt for the others.
   std::optional<nlohmann::json> answer(const std::string& operation, const std::string& body);
 
@@ -64,6 +82,11 @@ class ServerState {
   // Marks `transfer` done and takes it out of every computer's pending files.
   // Called with the mutex held.
   void complete(const std::string& transfer);
+  // Takes `transfer` out of every computer's files to receive. Called with the
+  // mutex held.
+  void received(const std::string& transfer);
+  // A one-shot fault's byte count, taken out of the state. Called with the mutex held.
+  std::uint64_t takeCut(const char* fault);
 
   TransferStore store_;
   mutable std::mutex mutex_;  // guards the member below
