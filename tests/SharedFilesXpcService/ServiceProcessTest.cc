@@ -107,6 +107,18 @@ class ServiceProcessTest : public ::testing::Test {
     return waitUntil([&] { return queries() >= count; });
   }
 
+  // The service's last log lines, for a failure's message.
+  std::string logTail() const {
+    std::ifstream in(root.file("service.log"));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    std::string tail;
+    for (std::size_t i = lines.size() > 60 ? lines.size() - 60 : 0; i < lines.size(); ++i) {
+      tail += lines[i].substr(0, 300) + "\n";
+    }
+    return tail;
+  }
+
   fs::path home() const { return root.path() / "home"; }
   fs::path product() const { return home() / "Tallowbox"; }
   static Value::Array list() { return SharedFilesList::load(UserDefaults::standardUserDefaults()); }
@@ -353,4 +365,67 @@ TEST_F(ServiceProcessTest, FileInTheSharedListGoesToTheCloudAndBothReportsFollow
   ASSERT_TRUE(queriedAtLeast(queried + 1));
   EXPECT_TRUE(server.state().snapshot()["computers"]["C1"]["FileToTransfer"].empty())
       << "sent and received: no longer pending";
+}
+
+TEST_F(ServiceProcessTest, FileFromAnotherComputerLandsWholeAfterACutInItsOwnersSharedFolder) {
+  server.state().merge(
+      {{"computers",
+        {{"C1",
+          {{"OwnerComputers",
+            {{{"NickName", "Ann-Laptop"}, {"Status", "1"}, {"UserComputerMapID", "M1"}}}}}}}},
+       {"saved", {{"S1", {{"size", 2000000}}}}},
+       {"faults", {{"cutDownloadAfter", 700000}}}});
+  startService();
+  sharedFile();
+  const fs::path shared = product() / "Ann-Laptop (Shared)";
+  ASSERT_TRUE(waitUntil([&] { return blocked(shared) == "0"; }));
+
+  server.state().merge({{"computers",
+                         {{"C1",
+                           {{"RecFileFromTransfer",
+                             {{{"IsOwnerToSubscriber", "1"},
+                               {"ChangeType", "1"},
+                               {"PrevFolderFileID", "0"},
+                               {"UserComputerID", "M1"},
+                               {"OwnerFileID", "OF9"},
+                               {"FullPath", "Docs\\a.bin"},
+                               {"IsFile", "True"},
+                               {"FromCloud", "0"},
+                               {"FromComputerID", "C9"},
+                               {"ToComputerID", "C1"},
+                               {"SavedFileID", "S1"},
+                               {"SharedFileTransferID", "R1"}}}}}}}}});
+  const fs::path landed = shared / "a.bin";
+  ASSERT_TRUE(
+      waitUntil([&] { return fs::exists(landed) && fs::file_size(landed) == 2000000; }, 60s))
+      << logTail();
+  std::ifstream in(landed, std::ios::binary);
+  std::string bytes(std::istreambuf_iterator<char>(in), {});
+  bool same = bytes.size() == 2000000;
+  for (std::size_t i = 0; same && i < bytes.size(); ++i) {
+    same = bytes[i] == static_cast<char>((i * 7 + i / 4093) & 0xFF);
+  }
+  EXPECT_TRUE(same) << "byte for byte";
+
+  auto downloads = server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer");
+  ASSERT_EQ(downloads.size(), 2U) << "cut once, then resumed";
+  EXPECT_EQ(json::parse(downloads[0].body)["Length"], "0");
+  EXPECT_EQ(json::parse(downloads[1].body)["Length"], "700000");
+  EXPECT_EQ(json::parse(downloads[1].body)["SavedFileID"], "S1");
+  ASSERT_TRUE(waitUntil([&] {
+    return server.state().snapshot()["computers"]["C1"]["RecFileFromTransfer"].empty();
+  })) << "acknowledged";
+
+  ASSERT_TRUE(waitUntil([&] {
+    std::optional<Value> entry = entryNamed(landed);
+    return entry && entry->objectForKey("FileID") != nullptr;
+  }));
+  struct stat attributes {};
+  ASSERT_EQ(::lstat(landed.c_str(), &attributes), 0);
+  EXPECT_EQ(*entryNamed(landed)->objectForKey("FileID"), Value(std::to_string(attributes.st_ino)));
+  EXPECT_EQ(*entryNamed(landed)->objectForKey("OwnerFileID"), Value("OF9"));
+  for (const auto& item : fs::recursive_directory_iterator(root.path() / "tmp" / "TallowboxTemp")) {
+    EXPECT_FALSE(item.is_regular_file()) << item.path() << " was left behind";
+  }
+  EXPECT_TRUE(service->running());
 }
