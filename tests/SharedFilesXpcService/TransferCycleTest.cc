@@ -120,11 +120,14 @@ TEST_F(TransferCycleTest, EachFlagStaysSetUntilItsOwnPassEnds) {
   runPasses();
   EXPECT_FALSE(service->sendLock()) << "the send handler told its delegate";
 
+  // A change of no known kind is only acknowledged; the acknowledgement ends the pass.
   stepAnswered({{"RecFileFromTransfer", {{{"SharedFileTransferID", "2"}}}}});
   EXPECT_FALSE(service->sendLock());
   EXPECT_TRUE(service->receiveLock());
   runPasses();
-  EXPECT_FALSE(service->receiveLock());
+  EXPECT_TRUE(waitUntil([&] { return !service->receiveLock(); }));
+  EXPECT_EQ(json::parse(server.requestsFor("MAC/SharedFiles.svc/UpdateFileReceived").at(0).body),
+            json({{"SharedFileTransferID", "2"}, {"IsExists", "true"}}));
 }
 
 TEST_F(TransferCycleTest, RefusedReplyStallsUntilSharedFileAndFailedQueryUnlocksAtOnce) {
