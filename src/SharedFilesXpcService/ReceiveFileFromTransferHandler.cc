@@ -192,6 +192,9 @@ void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
               ? ServicesUtilities::checkDuplicateAndCreate(workingPath, product)
               : workingPath;
       if (!target.empty()) {
+        // A target that would leave the product folder is refused here, before
+        // anything is fetched for it.
+        static_cast<void>(productFolder().status(target));
         std::string temp = target;
         const std::string prefix = product + "/";
         if (temp.rfind(prefix, 0) == 0) {
@@ -581,8 +584,11 @@ void ReceiveFileFromTransferHandler::reportFailures(const std::function<void()>&
   try {
     work();
   } catch (const std::exception& exception) {
+    // Reported as the pass reports; and, where the platform would have ended
+    // the process, only this pass's flag is cleared, so the cycle goes on.
     Log::printf("Receive Files Exception: %s", exception.what());
     logErrorMethod(exception);
+    notify();
   }
 }
 

@@ -1,0 +1,305 @@
+// The receive pass against the reference server on loopback, on real folders:
+// what it may write, and what it must refuse.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+
+#include "Platform/UserDefaults.h"
+#include "ReferenceServer.h"
+#include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
+#include "SharedFilesXpcService/SharedFilesList.h"
+#include "support/FixedReachability.h"
+#include "support/LogCapture.h"
+#include "support/ScopedEnvironment.h"
+#include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kReceived = "MAC/SharedFiles.svc/UpdateFileReceived";
+constexpr const char* kDeleted = "MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer";
+constexpr const char* kLogError = "MAC/ErrorLog.svc/LogError";
+
+class CountingDelegate : public ReceiveFileFromTransferDelegate {
+ public:
+  void ReceiveFileNotify() override { ++notified; }
+  std::atomic<int> notified{0};
+};
+
+RecFileFromTransfer entry(const json& fields) {
+  RecFileFromTransfer file;
+  auto field = [&](const char* key) -> WireValue {
+    return fields.contains(key) ? WireValue(fields[key]) : std::nullopt;
+  };
+  file.changeType = field("ChangeType");
+  file.fromCloud = field("FromCloud");
+  file.fromComputerId = field("FromComputerID");
+  file.fullPath = field("FullPath");
+  file.fullPathFromFileTable = field("FullPathFromFileTable");
+  file.isFile = field("IsFile");
+  file.isOwnerToSubscriber = field("IsOwnerToSubscriber");
+  file.fullPathNew = field("NewFullPath");
+  file.nickName = field("NickName");
+  file.ownerFileId = field("OwnerFileID");
+  file.prevFolderFileId = field("PrevFolderFileID");
+  file.savedFileId = field("SavedFileID");
+  file.sharedFileTransferId = field("SharedFileTransferID");
+  file.toComputerId = field("ToComputerID");
+  file.userComputerId = field("UserComputerID");
+  return file;
+}
+
+std::string contents(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class ReceiveFileFromTransferHandlerTest : public ::testing::Test {
+ protected:
+  // First made, last gone: every change below is undone after the test.
+  ScopedEnvironment environment;
+  void SetUp() override {
+    server.start();
+    fs::create_directories(product());
+    fs::create_directories(outside());
+    std::ofstream(outside() / "keep.txt") << "keep";
+    environment.update([&](Environment& e) {
+      e.baseURL = server.baseURL();
+      e.configFolder = root.file("config");
+      e.temporaryFolder = root.file("tmp") + "/";
+    });
+    UserDefaults application("Quentara.Tallowbox");
+    application.setObject("C1", "computerIdKey");
+    application.setObject("U1", "userIdKey");
+    application.setObject(Value(root.file("home")), "tallowboxPathKey");
+    // The root folder of Ann's computer, and a link in the product folder that
+    // points out of it.
+    fs::create_directories(product() / "Ann (Shared)");
+    fs::create_directory_symlink(outside(), product() / "Eve (Shared)");
+    SharedFilesList::store(
+        UserDefaults::standardUserDefaults(),
+        {rootEntry("M1", product() / "Ann (Shared)"), rootEntry("M2", product() / "Eve (Shared)")});
+    handler = std::make_shared<ReceiveFileFromTransferHandler>();
+    handler->setDelegate(delegate);
+  }
+
+  static Value rootEntry(const char* map, const fs::path& folder) {
+    return Value(Value::Dictionary{{"OwnerFileID", "0"},
+                                   {"UserComputerMapID", map},
+                                   {"FileName", Value(folder.string())},
+                                   {"Blocked", "0"},
+                                   {"MyFile", "0"}});
+  }
+  fs::path product() const { return root.path() / "home" / "Tallowbox"; }
+  fs::path outside() const { return root.path() / "outside"; }
+  // The product-folder path of `local` as the server writes it ("home\\...").
+  std::string serverPath(const fs::path& local) const {
+    std::string text = local.string().substr(1);
+    for (char& c : text) {
+      if (c == '/') c = '\\';
+    }
+    return text;
+  }
+  bool notifiedAtLeast(int count) {
+    return waitUntil([&] { return delegate->notified >= count; });
+  }
+  // Nothing outside changed and the product folder is there.
+  void expectConfined() {
+    EXPECT_EQ(contents(outside() / "keep.txt"), "keep");
+    EXPECT_EQ(std::distance(fs::directory_iterator(outside()), fs::directory_iterator()), 1);
+    EXPECT_TRUE(fs::is_directory(product()));
+  }
+
+  std::shared_ptr<FixedReachability> network = FixedReachability::install(0x2);
+  TemporaryFolder root;
+  ReferenceServer server;
+  std::shared_ptr<CountingDelegate> delegate = std::make_shared<CountingDelegate>();
+  std::shared_ptr<ReceiveFileFromTransferHandler> handler;
+};
+
+}  // namespace
+
+TEST_F(ReceiveFileFromTransferHandlerTest, PathsThatLeaveTheProductFolderAreRefusedAndReported) {
+  LogCapture log;
+  const std::vector<json> attempts = {
+      // A delete by "..", by an absolute path, through the link, and of the
+      // product folder itself.
+      {{"ChangeType", "3"},
+       {"IsFile", "True"},
+       {"OwnerFileID", "F1"},
+       {"FullPathFromFileTable", serverPath(product()) + "\\..\\..\\outside\\keep.txt"},
+       {"SharedFileTransferID", "R1"}},
+      {{"ChangeType", "3"},
+       {"IsFile", "True"},
+       {"OwnerFileID", "F1"},
+       {"FullPathFromFileTable", serverPath(outside() / "keep.txt")},
+       {"SharedFileTransferID", "R2"}},
+      {{"ChangeType", "3"},
+       {"IsFile", "False"},
+       {"OwnerFileID", "F1"},
+       {"FullPathFromFileTable", serverPath(product() / "Eve (Shared)" / "keep.txt")},
+       {"SharedFileTransferID", "R3"}},
+      {{"ChangeType", "3"},
+       {"IsFile", "False"},
+       {"OwnerFileID", "F1"},
+       {"FullPathFromFileTable", serverPath(product())},
+       {"SharedFileTransferID", "R4"}},
+      // A download into the folder behind the link.
+      {{"ChangeType", "1"},
+       {"IsOwnerToSubscriber", "1"},
+       {"PrevFolderFileID", "0"},
+       {"UserComputerID", "M2"},
+       {"OwnerFileID", "F5"},
+       {"FullPath", "a.bin"},
+       {"IsFile", "True"},
+       {"FromCloud", "0"},
+       {"SavedFileID", "S5"},
+       {"SharedFileTransferID", "R5"}},
+      // A rename behind the link.
+      {{"ChangeType", "2"},
+       {"IsFile", "True"},
+       {"OwnerFileID", "F6"},
+       {"FullPathFromFileTable", serverPath(product() / "Eve (Shared)" / "keep.txt")},
+       {"FullPath", "keep.txt"},
+       {"NewFullPath", "moved.txt"},
+       {"SharedFileTransferID", "R6"}}};
+  int reports = 0;
+  for (const json& attempt : attempts) {
+    const int before = delegate->notified;
+    handler->recFileFromTransfer({entry(attempt)});
+    EXPECT_EQ(delegate->notified, before + 1) << attempt << " ends the pass";
+    ++reports;
+    ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kLogError).size() == reports + 0U; }))
+        << attempt << " is reported";
+    expectConfined();
+  }
+  EXPECT_TRUE(log.containsPrefix("Receive Files Exception: refused"));
+  EXPECT_TRUE(server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer").empty())
+      << "nothing is fetched for a place that is refused";
+  EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)"));
+}
+
+TEST_F(ReceiveFileFromTransferHandlerTest, DownloadNeverReplacesWhatIsThereAndFoldersAreMade) {
+  server.state().merge({{"saved", {{"S1", {{"text", "from Ann"}}}}}});
+  std::ofstream(product() / "Ann (Shared)" / "a.txt") << "mine";
+  const json file = {
+      {"ChangeType", "1"},      {"IsOwnerToSubscriber", "1"}, {"PrevFolderFileID", "0"},
+      {"UserComputerID", "M1"}, {"OwnerFileID", "F1"},        {"FullPath", "a.txt"},
+      {"IsFile", "True"},       {"FromCloud", "0"},           {"FromComputerID", "C2"},
+      {"ToComputerID", "C1"},   {"SavedFileID", "S1"},        {"SharedFileTransferID", "R1"}};
+  handler->recFileFromTransfer({entry(file)});
+  ASSERT_TRUE(waitUntil([&] { return !server.requestsFor(kDeleted).empty(); }));
+  EXPECT_EQ(contents(product() / "Ann (Shared)" / "a.txt"), "mine") << "never overwritten";
+  EXPECT_EQ(contents(root.path() / "tmp" / "TallowboxTemp" / "Ann (Shared)" / "a.txt"), "from Ann")
+      << "the download stays where it is, and the server is told all the same";
+
+  // A folder, with intermediates, acknowledged; an empty file of no bytes.
+  server.state().merge({{"saved", {{"S2", {{"text", ""}}}}}});
+  json folder = file;
+  folder["IsFile"] = "False";
+  folder["FullPath"] = "Docs";
+  folder["SharedFileTransferID"] = "R2";
+  json empty = file;
+  empty["FullPath"] = "empty.txt";
+  empty["SavedFileID"] = "S2";
+  empty["SharedFileTransferID"] = "R3";
+  handler->recFileFromTransfer({entry(folder), entry(empty)});
+  EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)" / "Docs"));
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(product() / "Ann (Shared)" / "empty.txt"); }));
+  EXPECT_EQ(fs::file_size(product() / "Ann (Shared)" / "empty.txt"), 0U);
+  ASSERT_TRUE(waitUntil([&] { return !server.requestsFor(kReceived).empty(); }));
+  EXPECT_EQ(json::parse(server.requestsFor(kReceived)[0].body)["SharedFileTransferID"], "R2");
+}
+
+TEST_F(ReceiveFileFromTransferHandlerTest, RenamesAndDeletesKeepTheListInStepIgnoringCase) {
+  const fs::path docs = product() / "Ann (Shared)" / "Docs";
+  fs::create_directories(docs / "Sub");
+  std::ofstream(docs / "old.txt") << "o";
+  Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  auto item = [](const char* owner, const fs::path& path) {
+    return Value(Value::Dictionary{{"OwnerFileID", owner},
+                                   {"UserComputerMapID", "M1"},
+                                   {"FileName", Value(path.string())},
+                                   {"Blocked", "0"},
+                                   {"MyFile", "0"}});
+  };
+  list.push_back(item("D1", docs));
+  list.push_back(item("F1", docs / "old.txt"));
+  list.push_back(item("F2", product() / "Ann (Shared)" / "DOCS" / "Sub"));
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+
+  // A rename of the file: moved on disk, its entry follows.
+  handler->recFileFromTransfer({entry({{"ChangeType", "2"},
+                                       {"IsOwnerToSubscriber", "1"},
+                                       {"OwnerFileID", "F1"},
+                                       {"FullPath", "Docs\\old.txt"},
+                                       {"NewFullPath", "Docs\\new.txt"},
+                                       {"IsFile", "True"},
+                                       {"SharedFileTransferID", "R1"}})});
+  EXPECT_EQ(contents(docs / "new.txt"), "o");
+  EXPECT_FALSE(fs::exists(docs / "old.txt"));
+  Value::Array after = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  EXPECT_EQ(*after[3].objectForKey("FileName"), Value((docs / "new.txt").string()));
+
+  // A delete of the folder: every entry whose name begins with it, in any case.
+  handler->recFileFromTransfer({entry({{"ChangeType", "3"},
+                                       {"IsOwnerToSubscriber", "1"},
+                                       {"OwnerFileID", "D1"},
+                                       {"IsFile", "False"},
+                                       {"SharedFileTransferID", "R2"}})});
+  EXPECT_FALSE(fs::exists(docs));
+  after = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  ASSERT_EQ(after.size(), 2U) << "the two roots stay";
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kReceived).size() == 2; }))
+      << "both acknowledged";
+  EXPECT_TRUE(notifiedAtLeast(2));
+}
+
+TEST_F(ReceiveFileFromTransferHandlerTest, BadValuesEndThePassAndNothingIsWrittenOutside) {
+  const std::vector<json> bad = {{{"ChangeType", {{"a", 1}}}, {"SharedFileTransferID", "R1"}},
+                                 {{"ChangeType", "1"},
+                                  {"IsOwnerToSubscriber", "0"},
+                                  {"IsFile", "True"},
+                                  {"FullPathFromFileTable", std::string("home\\x\\a\0b", 13)},
+                                  {"OwnerFileID", "F1"},
+                                  {"SharedFileTransferID", "R2"}},
+                                 {{"ChangeType", "1"},
+                                  {"IsOwnerToSubscriber", "1"},
+                                  {"PrevFolderFileID", "0"},
+                                  {"UserComputerID", "M1"},
+                                  {"OwnerFileID", "F3"},
+                                  {"FullPath", std::string(300, 'n')},
+                                  {"IsFile", "False"},
+                                  {"SharedFileTransferID", "R3"}},
+                                 {{"ChangeType", "1"},
+                                  {"IsOwnerToSubscriber", "1"},
+                                  {"PrevFolderFileID", "0"},
+                                  {"UserComputerID", "M1"},
+                                  {"OwnerFileID", nullptr},
+                                  {"FullPath", "x"},
+                                  {"IsFile", "False"},
+                                  {"SharedFileTransferID", "R4"}}};
+  for (const json& value : bad) {
+    const int before = delegate->notified;
+    handler->recFileFromTransfer({entry(value)});
+    EXPECT_EQ(delegate->notified, before + 1) << value;
+    expectConfined();
+  }
+  // Another kind of change passes through to its acknowledgement only.
+  handler->recFileFromTransfer({entry({{"ChangeType", "9"},
+                                       {"IsOwnerToSubscriber", "1"},
+                                       {"OwnerFileID", "0"},
+                                       {"UserComputerID", "M1"},
+                                       {"IsFile", "False"},
+                                       {"SharedFileTransferID", "R9"}})});
+  ASSERT_TRUE(waitUntil([&] { return !server.requestsFor(kReceived).empty(); }));
+  // Nothing to receive: nobody is told.
+  const int before = delegate->notified;
+  handler->recFileFromTransfer({});
+  EXPECT_EQ(delegate->notified, before);
+}
