@@ -4,6 +4,7 @@
 
 #include "Platform/CurlEngine.h"
 #include "Platform/CurlTransfer.h"
+#include "Platform/OperationQueue.h"
 
 namespace {
 std::atomic<std::uint64_t> gNextTaskIdentifier{1};
@@ -77,6 +78,14 @@ std::shared_ptr<URLSession> URLSession::sessionWithConfiguration(
     DelegateQueue delegateQueue) {
   return std::shared_ptr<URLSession>(
       new URLSession(std::move(configuration), std::move(delegate), std::move(delegateQueue)));
+}
+
+std::shared_ptr<URLSession> URLSession::sessionWithConfiguration(
+    URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate) {
+  auto queue = OperationQueue::create();
+  return sessionWithConfiguration(
+      std::move(configuration), std::move(delegate),
+      [queue](Scheduler::Work work) { queue->addOperationWithBlock(std::move(work)); });
 }
 
 URLSession::URLSession(URLSessionConfiguration configuration,

@@ -21,6 +21,11 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
       URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate,
       DelegateQueue delegateQueue);
 
+  // A session whose callbacks run on a serial queue of its own, as the platform
+  // gives a session made without a delegate queue.
+  static std::shared_ptr<URLSession> sessionWithConfiguration(
+      URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate);
+
   const URLSessionConfiguration& configuration() const { return configuration_; }
   std::shared_ptr<URLSessionDelegate> delegate() const { return delegate_.lock(); }
   void deliver(Scheduler::Work work) const { delegateQueue_(std::move(work)); }

@@ -12,7 +12,6 @@
 #include "Platform/DispatchQueues.h"
 #include "Platform/Environment.h"
 #include "Platform/Log.h"
-#include "Platform/OperationQueue.h"
 #include "Platform/PathNames.h"
 #include "Platform/Readings.h"
 #include "Platform/URLSession.h"
@@ -421,11 +420,9 @@ void ReceiveFileFromTransferHandler::startAsyncDownloadWithStreamRequest(
     DownloadConnection::initWithRequest(request, shared_from_this(), false, "")->start();
     return;
   }
-  auto queue = OperationQueue::create();
-  auto session = URLSession::sessionWithConfiguration(
-      URLSessionConfiguration::defaultSessionConfiguration(),
-      std::weak_ptr<URLSessionDelegate>(shared_from_this()),
-      [queue](Scheduler::Work work) { queue->addOperationWithBlock(std::move(work)); });
+  auto session =
+      URLSession::sessionWithConfiguration(URLSessionConfiguration::defaultSessionConfiguration(),
+                                           std::weak_ptr<URLSessionDelegate>(shared_from_this()));
   auto task = session->dataTaskWithRequest(request);
   {
     std::lock_guard lock(mutex_);

@@ -4,7 +4,6 @@
 
 #include "Platform/InputStream.h"
 #include "Platform/Log.h"
-#include "Platform/OperationQueue.h"
 #include "Platform/Predicate.h"
 #include "Platform/Readings.h"
 #include "Platform/URLConnection.h"
@@ -301,12 +300,9 @@ void SendFileToTransferHandler::startAsyncUploadWithStreamRequest(
     URLConnection::create(*request, shared_from_this(), false)->start();
     return;
   }
-  // A session of its own, with a serial delegate queue of its own.
-  auto queue = OperationQueue::create();
-  auto session = URLSession::sessionWithConfiguration(
-      URLSessionConfiguration::defaultSessionConfiguration(),
-      std::weak_ptr<URLSessionDelegate>(shared_from_this()),
-      [queue](Scheduler::Work work) { queue->addOperationWithBlock(std::move(work)); });
+  auto session =
+      URLSession::sessionWithConfiguration(URLSessionConfiguration::defaultSessionConfiguration(),
+                                           std::weak_ptr<URLSessionDelegate>(shared_from_this()));
   session->uploadTaskWithStreamedRequest(*request)->resume();
 }
 

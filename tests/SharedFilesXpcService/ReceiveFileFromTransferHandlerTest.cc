@@ -265,7 +265,7 @@ TEST_F(ReceiveFileFromTransferHandlerTest, BadValuesEndThePassAndNothingIsWritte
                                  {{"ChangeType", "1"},
                                   {"IsOwnerToSubscriber", "0"},
                                   {"IsFile", "True"},
-                                  {"FullPathFromFileTable", std::string("home\\x\\a\0b", 13)},
+                                  {"FullPathFromFileTable", std::string("home\\x\\a\0b", 10)},
                                   {"OwnerFileID", "F1"},
                                   {"SharedFileTransferID", "R2"}},
                                  {{"ChangeType", "1"},

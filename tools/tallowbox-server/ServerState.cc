@@ -46,21 +46,7 @@ nlohmann::json ServerState::fault(const std::string& name) const {
 
 void ServerState::complete(const std::string& transfer) {
   state_["transfers"][transfer]["complete"] = true;
-  if (!state_["computers"].is_object()) return;
-  for (auto& [id, computer] : state_["computers"].items()) {
-    if (!computer.is_object() || !computer.contains("FileToTransfer") ||
-        !computer["FileToTransfer"].is_array()) {
-      continue;
-    }
-    nlohmann::json& files = computer["FileToTransfer"];
-    files.erase(std::remove_if(files.begin(), files.end(),
-                               [&](const nlohmann::json& file) {
-                                 return file.is_object() &&
-                                        file.value("SharedFileTransferID", nlohmann::json()) ==
-                                            transfer;
-                               }),
-                files.end());
-  }
+  dropFromEveryComputer("FileToTransfer", transfer);
 }
 
 std::uint64_t ServerState::takeCut(const char* fault) {
@@ -76,14 +62,15 @@ std::uint64_t ServerState::takeCut(const char* fault) {
 
 void ServerState::received(const std::string& transfer) {
   state_["received"][transfer] = true;
+  dropFromEveryComputer("RecFileFromTransfer", transfer);
+}
+
+void ServerState::dropFromEveryComputer(const char* list, const std::string& transfer) {
   nlohmann::json& computers = state_["computers"];
   if (!computers.is_object()) return;
   for (auto& [id, computer] : computers.items()) {
-    if (!computer.is_object() || !computer.contains("RecFileFromTransfer") ||
-        !computer["RecFileFromTransfer"].is_array()) {
-      continue;
-    }
-    nlohmann::json& files = computer["RecFileFromTransfer"];
+    if (!computer.is_object() || !computer.contains(list) || !computer[list].is_array()) continue;
+    nlohmann::json& files = computer[list];
     files.erase(std::remove_if(files.begin(), files.end(),
                                [&](const nlohmann::json& file) {
                                  return file.is_object() &&

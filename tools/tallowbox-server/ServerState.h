@@ -85,6 +85,8 @@ class ServerState {
   // Takes `transfer` out of every computer's files to receive. Called with the
   // mutex held.
   void received(const std::string& transfer);
+  // Takes `transfer` out of `list` of every computer. Called with the mutex held.
+  void dropFromEveryComputer(const char* list, const std::string& transfer);
   // A one-shot fault's byte count, taken out of the state. Called with the mutex held.
   std::uint64_t takeCut(const char* fault);
 
