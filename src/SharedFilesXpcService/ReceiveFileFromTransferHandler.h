@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Readings.h"
 #include "Platform/URLConnectionDelegate.h"
 #include "Platform/URLSessionDelegate.h"
 #include "Platform/Value.h"
+#include "Services/OperationResult.h"
 #include "Services/Records/RecFileFromTransfer.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
 
@@ -86,6 +88,12 @@ class ReceiveFileFromTransferHandler
   void didFailWithError(URLConnection& connection, const PlatformError& error) override;
 
  private:
+  // Whether a server answer came with status 0 and a "ReturnStatus" of 0.
+  template <class Record>
+  static bool statusIsZero(const OperationResult<Record>& result, int status) {
+    return status == 0 && result.record && Readings::integerValue(result.record->ReturnStatus) == 0;
+  }
+
   void notify() const;
   bool checkTaskIs(const char* task) const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
