@@ -105,8 +105,9 @@ class ReceiveFileFromTransferHandlerTest : public ::testing::Test {
     }
     return text;
   }
+  // Waits for the notifications; the bound only ends a test that would hang.
   bool notifiedAtLeast(int count) {
-    return waitUntil([&] { return delegate->notified >= count; });
+    return waitUntil([&] { return delegate->notified >= count; }, std::chrono::seconds(60));
   }
   // Nothing outside changed and the product folder is there.
   void expectConfined() {

@@ -356,8 +356,11 @@ TEST_F(ServiceProcessTest, FileInTheSharedListGoesToTheCloudAndBothReportsFollow
   server.state().merge({{"computers", {{"C1", {{"FileToTransfer", {record}}}}}}});
   startService();
   sharedFile();
-  ASSERT_TRUE(waitUntil(
-      [&] { return !server.requestsFor("MAC/SharedFiles.svc/UpdateFileSendReceived").empty(); }));
+  // The two reports go at once and may arrive in either order.
+  ASSERT_TRUE(waitUntil([&] {
+    return !server.requestsFor("MAC/SharedFiles.svc/UpdateFileSendReceived").empty() &&
+           !server.requestsFor("MAC/SharedFiles.svc/UpdateFileExists").empty();
+  }));
   EXPECT_EQ(server.requestsFor("MAC/SharedFiles.svc/UpdateFileExists").size(), 1U);
   json copy = server.state().snapshot()["cloud"]["\\C1\\C1\\Work\\plan.bin"];
   EXPECT_EQ(copy["sha256"], sha256Of(file));
