@@ -95,6 +95,22 @@ bool Readings::isEqualToText(const std::optional<nlohmann::json>& value, std::st
   return value && value->is_string() && value->get_ref<const std::string&>() == text;
 }
 
+bool Readings::boolValue(const std::optional<nlohmann::json>& value) {
+  if (!value) return false;
+  if (value->is_boolean()) return value->get<bool>();
+  if (value->is_number()) return value->get<double>() != 0;
+  if (!value->is_string()) {
+    throw ValueError(std::string("a JSON ") + value->type_name() + " has no truth value");
+  }
+  const std::string& text = value->get_ref<const std::string&>();
+  std::size_t at = text.find_first_not_of(" \t\n\r\v\f");
+  if (at != std::string::npos && (text[at] == '+' || text[at] == '-')) ++at;
+  while (at < text.size() && text[at] == '0') ++at;
+  if (at >= text.size()) return false;
+  const char c = text[at];
+  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
 bool Readings::isEqualToString(const std::optional<nlohmann::json>& value,
                                const std::optional<nlohmann::json>& other) {
   if (!value) return false;

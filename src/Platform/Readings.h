@@ -31,6 +31,11 @@ class Readings {
   static bool isEqualToText(const Value* value, std::string_view text);
   static bool isEqualToText(const std::optional<nlohmann::json>& value, std::string_view text);
 
+  // The platform's boolean reading: leading white space, a sign and zeros
+  // skipped, then "Y", "y", "T", "t" or a digit 1-9 is true; a number is true
+  // when not zero; absent is false. Throws ValueError for null, arrays, objects.
+  static bool boolValue(const std::optional<nlohmann::json>& value);
+
   // isEqualToString: sent to `value`: false when it is absent or `other` is no
   // text; throws ValueError when `value` is present but no text (a number, null,
   // an array, an object), as the message to it would.

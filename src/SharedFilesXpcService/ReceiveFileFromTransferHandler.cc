@@ -43,23 +43,6 @@ std::string textOf(const Value& entry, const char* key) {
   return *value->string();
 }
 
-// The platform's boolean reading of a value (leading blanks, a sign and zeros
-// skipped; then Y, y, T, t or 1-9 is true).
-bool boolValue(const WireValue& value) {
-  if (!value) return false;
-  if (value->is_boolean()) return value->get<bool>();
-  if (value->is_number()) return value->get<double>() != 0;
-  if (!value->is_string())
-    throw ValueError("a JSON " + std::string(value->type_name()) + " has no truth");
-  const std::string& text = value->get_ref<const std::string&>();
-  std::size_t at = text.find_first_not_of(" \t\n\r\v\f");
-  if (at != std::string::npos && (text[at] == '+' || text[at] == '-')) ++at;
-  while (at < text.size() && text[at] == '0') ++at;
-  if (at >= text.size()) return false;
-  char c = text[at];
-  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
-}
-
 std::string documentsFolder() { return Environment::current()->homeFolder + "/Documents"; }
 
 }  // namespace
@@ -84,16 +67,8 @@ void ReceiveFileFromTransferHandler::notify() const {
   if (auto told = delegate()) told->ReceiveFileNotify();
 }
 
-std::string ReceiveFileFromTransferHandler::base() const {
-  const Value::Dictionary prefs = iAppsPrefs();
-  const Value* folder = Value::objectForKey(prefs, "tallowboxPathKey");
-  if (folder == nullptr) return "(null)";
-  if (folder->string() == nullptr) throw ValueError("tallowboxPathKey holds no path");
-  return *folder->string();
-}
-
 ConfinedFolder ReceiveFileFromTransferHandler::productFolder() const {
-  return ConfinedFolder(base() + "/Tallowbox");
+  return ConfinedFolder(ServiceFolders::productFolder(iAppsPrefs()));
 }
 
 ConfinedFolder ReceiveFileFromTransferHandler::downloadFolder() {
@@ -119,7 +94,7 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
 
 void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
                                              std::string& workingPath) {
-  const std::string product = base() + "/Tallowbox";
+  const std::string product = ServiceFolders::productFolder(iAppsPrefs());
   const long long change = Readings::integerValue(file.changeType);
   const Value::Array list = sharedFilesDefaultsArray();
   auto first = [&](const char* format, std::vector<Predicate::Argument> arguments) {
@@ -199,7 +174,7 @@ void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
         download.createDirectories(PathNames::stringByDeletingLastPathComponent(temp));
       }
       if (file.isOwnerToSubscriber) savePreFerences(file, target);
-      if (!boolValue(file.isFile)) {
+      if (!Readings::boolValue(file.isFile)) {
         const ConfinedFolder folder = productFolder();
         if (!folder.exists(target)) folder.createDirectories(target);
         if (!Readings::isEqualToString(file.fromComputerId, file.toComputerId)) {
@@ -235,7 +210,8 @@ void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
                       self->sharedFileTransferID_ = file.sharedFileTransferId;
                     }
                     if (Readings::isEqualToString(file.fromComputerId, file.toComputerId)) {
-                      finalPath = self->base() + "/Tallowbox/" + local(file.fullPath);
+                      finalPath = ServiceFolders::productFolder(self->iAppsPrefs()) + "/" +
+                                  local(file.fullPath);
                       tempPath = ServiceFolders::downloadFolder() + "/" + local(file.fullPath);
                       self->productFolder().createDirectories(
                           PathNames::stringByDeletingLastPathComponent(finalPath));
@@ -310,7 +286,7 @@ void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
   }
 
   // kept: a folder of an own item and an own rename are acknowledged twice.
-  if (change == 2 || change == 3 || !boolValue(file.isFile)) {
+  if (change == 2 || change == 3 || !Readings::boolValue(file.isFile)) {
     acknowledge(file.sharedFileTransferId);
   }
 }

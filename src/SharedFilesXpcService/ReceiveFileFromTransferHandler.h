@@ -115,7 +115,6 @@ class ReceiveFileFromTransferHandler
   // The two folders every write goes through, for the current preferences.
   ConfinedFolder productFolder() const;
   static ConfinedFolder downloadFolder();
-  std::string base() const;
 
   mutable std::mutex mutex_;  // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;

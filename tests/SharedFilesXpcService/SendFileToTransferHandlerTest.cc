@@ -15,6 +15,7 @@
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnvironment.h"
+#include "support/Sha256.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -94,15 +95,6 @@ class SendFileToTransferHandlerTest : public ::testing::Test {
     list.emplace_back(Value::Dictionary{{"OwnerFileID", Value(owner)}, {"FileName", Value(path)}});
     SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
     return path;
-  }
-  // The file's SHA-256 as sha256sum prints it.
-  static std::string sha256Of(const std::string& path) {
-    std::string command = "sha256sum '" + path + "'";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    std::string sum(64, '\0');
-    sum.resize(pipe == nullptr ? 0 : std::fread(sum.data(), 1, sum.size(), pipe));
-    if (pipe != nullptr) ::pclose(pipe);
-    return sum;
   }
   std::string bytesOf(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

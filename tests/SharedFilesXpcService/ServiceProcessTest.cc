@@ -20,6 +20,7 @@
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 #include "support/ScopedEnvironment.h"
+#include "support/Sha256.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -277,16 +278,6 @@ void writeFile(const fs::path& path, std::size_t size) {
   for (std::size_t i = 0; i < size; ++i) out.put(static_cast<char>((i * 13 + i / 509) & 0xFF));
 }
 
-// The file's SHA-256 as sha256sum prints it.
-std::string sha256Of(const fs::path& path) {
-  std::string command = "sha256sum '" + path.string() + "'";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  std::string sum(64, '\0');
-  sum.resize(pipe == nullptr ? 0 : std::fread(sum.data(), 1, sum.size(), pipe));
-  if (pipe != nullptr) ::pclose(pipe);
-  return sum;
-}
-
 json sendRecord(const std::string& transfer, const std::string& owner,
                 const char* ownerToSubscriber, const char* toCloud) {
   return {{"ChangeType", "1"},
@@ -335,7 +326,7 @@ TEST_F(ServiceProcessTest, OwnersFileGoesUpThroughTheWatchersListAndResumesWhere
   ASSERT_TRUE(queriedAtLeast(queried + 1)) << "the pass ended; the cycle goes on";
 
   EXPECT_EQ(transfer()["length"], 3000000);
-  EXPECT_EQ(transfer()["sha256"], sha256Of(file)) << "byte for byte";
+  EXPECT_EQ(transfer()["sha256"], sha256Of(file.string())) << "byte for byte";
   auto uploads = server.requestsFor("MAC/SharedFiles.svc/UpdateSendFileToTransfer");
   ASSERT_EQ(uploads.size(), 2U);
   EXPECT_EQ(uploads[1].header("Length"), "3000000");
@@ -363,7 +354,7 @@ TEST_F(ServiceProcessTest, FileInTheSharedListGoesToTheCloudAndBothReportsFollow
   }));
   EXPECT_EQ(server.requestsFor("MAC/SharedFiles.svc/UpdateFileExists").size(), 1U);
   json copy = server.state().snapshot()["cloud"]["\\C1\\C1\\Work\\plan.bin"];
-  EXPECT_EQ(copy["sha256"], sha256Of(file));
+  EXPECT_EQ(copy["sha256"], sha256Of(file.string()));
   const std::size_t queried = queries();
   ASSERT_TRUE(queriedAtLeast(queried + 1));
   EXPECT_TRUE(server.state().snapshot()["computers"]["C1"]["FileToTransfer"].empty())
