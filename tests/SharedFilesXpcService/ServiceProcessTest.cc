@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -120,6 +121,76 @@ class ServiceProcessTest : public ::testing::Test {
     return tail;
   }
 
+  // Ann's laptop shares a folder with this computer; returns once its "(Shared)"
+  // folder is unblocked.
+  void annShares(const json& more = json::object()) {
+    json patch = {
+        {"computers",
+         {{"C1",
+           {{"OwnerComputers",
+             {{{"NickName", "Ann-Laptop"}, {"Status", "1"}, {"UserComputerMapID", "M1"}}}}}}}}};
+    patch.merge_patch(more);
+    server.state().merge(patch);
+    startService();
+    sharedFile();
+    ASSERT_TRUE(waitUntil([&] { return blocked(shared()) == "0"; })) << logTail();
+  }
+  // Lists `entry` for this computer to receive, with the fields every entry from
+  // Ann's laptop shares.
+  void offer(const json& entry) {
+    json file = {{"IsOwnerToSubscriber", "1"}, {"ChangeType", "1"},    {"PrevFolderFileID", "0"},
+                 {"UserComputerID", "M1"},     {"IsFile", "True"},     {"FromCloud", "0"},
+                 {"FromComputerID", "C9"},     {"ToComputerID", "C1"}, {"SavedFileID", "0"}};
+    file.merge_patch(entry);
+    server.state().merge({{"computers", {{"C1", {{"RecFileFromTransfer", {file}}}}}}});
+  }
+  // Lists `entry` and waits for the service to acknowledge it.
+  void receive(const json& entry) {
+    offer(entry);
+    ASSERT_TRUE(waitUntil(
+        [&] { return server.state().snapshot()["computers"]["C1"]["RecFileFromTransfer"].empty(); },
+        60s))
+        << "not acknowledged: " << entry.dump() << "\n"
+        << logTail();
+  }
+  // The list as text, for a failure's message.
+  static std::string listing() {
+    std::string text;
+    for (const Value& entry : list()) {
+      for (const auto& [key, value] : *entry.dictionary()) {
+        text += key + "=" + (value.string() != nullptr ? *value.string() : "?") + " ";
+      }
+      text += "\n";
+    }
+    return text;
+  }
+  // Whether the list entry for `path` has the file number `path` has on disk.
+  static bool numbered(const fs::path& path) {
+    std::optional<Value> entry = entryNamed(path);
+    struct stat attributes {};
+    return entry && ::lstat(path.c_str(), &attributes) == 0 &&
+           entry->objectForKey("FileID") != nullptr &&
+           *entry->objectForKey("FileID") == Value(std::to_string(attributes.st_ino));
+  }
+  // Whether `path` holds `size` bytes of the server's pattern for made files.
+  static bool holdsPattern(const fs::path& path, std::size_t size) {
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    bool same = bytes.size() == size;
+    for (std::size_t i = 0; same && i < bytes.size(); ++i) {
+      same = bytes[i] == static_cast<char>((i * 7 + i / 4093) & 0xFF);
+    }
+    return same;
+  }
+  bool nothingLeftInTemp() const {
+    for (const auto& item :
+         fs::recursive_directory_iterator(root.path() / "tmp" / "TallowboxTemp")) {
+      if (item.is_regular_file()) return false;
+    }
+    return true;
+  }
+
+  fs::path shared() const { return product() / "Ann-Laptop (Shared)"; }
   fs::path home() const { return root.path() / "home"; }
   fs::path product() const { return home() / "Tallowbox"; }
   static Value::Array list() { return SharedFilesList::load(UserDefaults::standardUserDefaults()); }
@@ -362,64 +433,146 @@ TEST_F(ServiceProcessTest, FileInTheSharedListGoesToTheCloudAndBothReportsFollow
 }
 
 TEST_F(ServiceProcessTest, FileFromAnotherComputerLandsWholeAfterACutInItsOwnersSharedFolder) {
-  server.state().merge(
-      {{"computers",
-        {{"C1",
-          {{"OwnerComputers",
-            {{{"NickName", "Ann-Laptop"}, {"Status", "1"}, {"UserComputerMapID", "M1"}}}}}}}},
-       {"saved", {{"S1", {{"size", 2000000}}}}},
-       {"faults", {{"cutDownloadAfter", 700000}}}});
-  startService();
-  sharedFile();
-  const fs::path shared = product() / "Ann-Laptop (Shared)";
-  ASSERT_TRUE(waitUntil([&] { return blocked(shared) == "0"; }));
-
-  server.state().merge({{"computers",
-                         {{"C1",
-                           {{"RecFileFromTransfer",
-                             {{{"IsOwnerToSubscriber", "1"},
-                               {"ChangeType", "1"},
-                               {"PrevFolderFileID", "0"},
-                               {"UserComputerID", "M1"},
-                               {"OwnerFileID", "OF9"},
-                               {"FullPath", "Docs\\a.bin"},
-                               {"IsFile", "True"},
-                               {"FromCloud", "0"},
-                               {"FromComputerID", "C9"},
-                               {"ToComputerID", "C1"},
-                               {"SavedFileID", "S1"},
-                               {"SharedFileTransferID", "R1"}}}}}}}}});
-  const fs::path landed = shared / "a.bin";
-  ASSERT_TRUE(
-      waitUntil([&] { return fs::exists(landed) && fs::file_size(landed) == 2000000; }, 60s))
-      << logTail();
-  std::ifstream in(landed, std::ios::binary);
-  std::string bytes(std::istreambuf_iterator<char>(in), {});
-  bool same = bytes.size() == 2000000;
-  for (std::size_t i = 0; same && i < bytes.size(); ++i) {
-    same = bytes[i] == static_cast<char>((i * 7 + i / 4093) & 0xFF);
-  }
-  EXPECT_TRUE(same) << "byte for byte";
+  annShares({{"saved", {{"S1", {{"size", 2000000}}}}}, {"faults", {{"cutDownloadAfter", 700000}}}});
+  receive({{"OwnerFileID", "OF9"},
+           {"FullPath", "Docs\\a.bin"},
+           {"SavedFileID", "S1"},
+           {"SharedFileTransferID", "R1"}});
+  const fs::path landed = shared() / "a.bin";
+  EXPECT_TRUE(holdsPattern(landed, 2000000)) << "byte for byte";
 
   auto downloads = server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer");
   ASSERT_EQ(downloads.size(), 2U) << "cut once, then resumed";
   EXPECT_EQ(json::parse(downloads[0].body)["Length"], "0");
   EXPECT_EQ(json::parse(downloads[1].body)["Length"], "700000");
   EXPECT_EQ(json::parse(downloads[1].body)["SavedFileID"], "S1");
-  ASSERT_TRUE(waitUntil([&] {
-    return server.state().snapshot()["computers"]["C1"]["RecFileFromTransfer"].empty();
-  })) << "acknowledged";
-
-  ASSERT_TRUE(waitUntil([&] {
-    std::optional<Value> entry = entryNamed(landed);
-    return entry && entry->objectForKey("FileID") != nullptr;
-  }));
-  struct stat attributes {};
-  ASSERT_EQ(::lstat(landed.c_str(), &attributes), 0);
-  EXPECT_EQ(*entryNamed(landed)->objectForKey("FileID"), Value(std::to_string(attributes.st_ino)));
+  ASSERT_TRUE(waitUntil([&] { return numbered(landed); })) << logTail();
   EXPECT_EQ(*entryNamed(landed)->objectForKey("OwnerFileID"), Value("OF9"));
-  for (const auto& item : fs::recursive_directory_iterator(root.path() / "tmp" / "TallowboxTemp")) {
-    EXPECT_FALSE(item.is_regular_file()) << item.path() << " was left behind";
-  }
+  EXPECT_TRUE(nothingLeftInTemp());
   EXPECT_TRUE(service->running());
+}
+
+TEST_F(ServiceProcessTest, DownloadKilledMidwayResumesFromItsPartialWhenTheServiceStartsAgain) {
+  annShares(
+      {{"saved", {{"S1", {{"size", 3000000}}}}}, {"faults", {{"holdDownloadAfter", 1000000}}}});
+  offer({{"OwnerFileID", "OF9"},
+         {"FullPath", "big.bin"},
+         {"SavedFileID", "S1"},
+         {"SharedFileTransferID", "R1"}});
+  const fs::path partial =
+      root.path() / "tmp" / "TallowboxTemp" / "Ann-Laptop (Shared)" / "big.bin";
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        std::error_code error;
+        return fs::file_size(partial, error) == 1000000;
+      },
+      60s))
+      << logTail();
+  ::kill(service->pid(), SIGKILL);
+  ASSERT_EQ(service->wait(), 128 + SIGKILL);
+  server.state().merge({{"faults", {{"holdDownloadAfter", nullptr}}}});
+
+  startService();
+  sharedFile();
+  const fs::path landed = shared() / "big.bin";
+  ASSERT_TRUE(waitUntil([&] { return numbered(landed); }, 60s)) << logTail();
+  EXPECT_TRUE(holdsPattern(landed, 3000000)) << "byte for byte";
+  auto downloads = server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer");
+  ASSERT_EQ(downloads.size(), 2U);
+  EXPECT_EQ(json::parse(downloads[1].body)["Length"], "1000000") << "the partial's size";
+  EXPECT_TRUE(nothingLeftInTemp());
+}
+
+TEST_F(ServiceProcessTest, OwnersFoldersFilesRenamesAndDeletesAreMirroredIgnoringCase) {
+  // An entry of an earlier pass whose name differs from the folder's in case.
+  SharedFilesList::store(
+      UserDefaults::standardUserDefaults(),
+      {Value::Dictionary{{"OwnerFileID", "OF77"},
+                         {"FileName", Value((shared() / "DOCS" / "old.txt").string())},
+                         {"Blocked", "0"}}});
+  // Docs is the folder Ann shares (file numbers are numeric, as the server's are): it stays
+  // unblocked while the server says so.
+  annShares(
+      {{"saved", {{"S2", {{"text", ""}}}, {"S3", {{"text", "hello"}}}}},
+       {"computers",
+        {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "10"}, {"SharedStatus", "1"}}}}}}}}});
+  const fs::path docs = shared() / "Docs";
+
+  receive({{"OwnerFileID", "10"},
+           {"FullPath", "\\Docs"},
+           {"IsFile", "False"},
+           {"SharedFileTransferID", "R1"}});
+  EXPECT_TRUE(fs::is_directory(docs));
+  ASSERT_TRUE(waitUntil([&] { return numbered(docs); })) << logTail();
+
+  receive({{"OwnerFileID", "11"},
+           {"FullPath", "\\Docs\\empty.txt"},
+           {"PrevFolderFileID", "10"},
+           {"SavedFileID", "S2"},
+           {"SharedFileTransferID", "R2"}});
+  ASSERT_TRUE(waitUntil([&] { return numbered(docs / "empty.txt"); })) << listing();
+  EXPECT_EQ(fs::file_size(docs / "empty.txt"), 0U) << "a file of no bytes is made";
+
+  receive({{"OwnerFileID", "12"},
+           {"FullPath", "\\Docs\\note.txt"},
+           {"PrevFolderFileID", "10"},
+           {"SavedFileID", "S3"},
+           {"SharedFileTransferID", "R3"}});
+  ASSERT_TRUE(waitUntil([&] { return numbered(docs / "note.txt"); })) << logTail();
+  EXPECT_EQ(fs::file_size(docs / "note.txt"), 5U);
+
+  receive({{"ChangeType", "2"},
+           {"OwnerFileID", "11"},
+           {"FullPath", "\\Docs\\empty.txt"},
+           {"NewFullPath", "\\Docs\\blank.txt"},
+           {"SharedFileTransferID", "R4"}});
+  EXPECT_FALSE(fs::exists(docs / "empty.txt"));
+  EXPECT_TRUE(fs::exists(docs / "blank.txt"));
+  EXPECT_TRUE(entryNamed(docs / "blank.txt")) << "the list follows the rename";
+  EXPECT_FALSE(entryNamed(docs / "empty.txt"));
+
+  receive({{"ChangeType", "3"},
+           {"OwnerFileID", "12"},
+           {"FullPath", "\\Docs\\note.txt"},
+           {"SharedFileTransferID", "R5"}});
+  EXPECT_FALSE(fs::exists(docs / "note.txt"));
+  EXPECT_FALSE(entryNamed(docs / "note.txt"));
+  EXPECT_TRUE(fs::exists(docs / "blank.txt")) << "only the file named goes";
+
+  receive({{"ChangeType", "3"},
+           {"OwnerFileID", "10"},
+           {"FullPath", "\\Docs"},
+           {"IsFile", "False"},
+           {"SharedFileTransferID", "R6"}});
+  EXPECT_FALSE(fs::exists(docs));
+  EXPECT_TRUE(fs::is_directory(shared())) << "the owner's folder stays";
+  for (const Value& entry : list()) {
+    const Value* name = entry.objectForKey("FileName");
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(name->string()->find("/Ann-Laptop (Shared)/"), std::string::npos)
+        << *name->string() << " outlived its folder";
+  }
+  EXPECT_TRUE(nothingLeftInTemp());
+  EXPECT_TRUE(service->running());
+}
+
+TEST_F(ServiceProcessTest, FileFromTheCloudIsFetchedAfterTheCloudSaysItHasIt) {
+  annShares({{"cloud", {{"\\C9\\Docs\\c.bin", {{"size", 300000}}}}}});
+  receive({{"OwnerFileID", "OF20"},
+           {"FullPath", "\\Docs\\c.bin"},
+           {"FromCloud", "1"},
+           {"SharedFileTransferID", "R7"}});
+  const fs::path landed = shared() / "c.bin";
+  ASSERT_TRUE(waitUntil([&] { return numbered(landed); })) << logTail();
+  EXPECT_TRUE(holdsPattern(landed, 300000)) << "byte for byte";
+  auto asked = server.requestsFor("MAC/SharedFiles.svc/IsFileExistsInCloud");
+  ASSERT_EQ(asked.size(), 1U);
+  EXPECT_EQ(json::parse(asked[0].body)["StrFullPath"], "\\C9\\Docs\\c.bin");
+  auto fetched = server.requestsFor("MAC/SharedFiles.svc/GetFileStreamFromCloud");
+  ASSERT_EQ(fetched.size(), 1U);
+  EXPECT_EQ(json::parse(fetched[0].body)["Length"], "0");
+  auto acknowledged = server.requestsFor("MAC/SharedFiles.svc/UpdateFileReceived");
+  ASSERT_EQ(acknowledged.size(), 1U);
+  EXPECT_EQ(json::parse(acknowledged[0].body)["SharedFileTransferID"], "R7");
+  EXPECT_TRUE(nothingLeftInTemp());
 }

@@ -146,12 +146,19 @@ void ReferenceServer::serve(const ServerState::Download& download, httplib::Resp
   // Streamed from the store's file, a piece at a time.
   auto file = std::make_shared<std::ifstream>(download.path, std::ios::binary);
   const std::uint64_t cut = download.cutAfter;
+  const std::uint64_t hold = download.holdAfter;
   response.set_content_provider(
       static_cast<std::size_t>(length), "application/octet-stream",
-      [file, from, cut](std::size_t offset, std::size_t wanted, httplib::DataSink& sink) {
+      [this, file, from, cut, hold](std::size_t offset, std::size_t wanted,
+                                    httplib::DataSink& sink) {
         if (offset >= cut) return false;  // drops the connection
+        while (offset >= hold && !state_.fault("holdDownloadAfter").is_null()) {
+          if (!pause(std::chrono::milliseconds(20))) return false;
+        }
+        std::uint64_t until = std::min(cut, offset < hold ? hold : UINT64_MAX);
         std::string piece(
-            std::min<std::size_t>({wanted, 1 << 16, static_cast<std::size_t>(cut - offset)}), '\0');
+            std::min<std::size_t>({wanted, 1 << 16, static_cast<std::size_t>(until - offset)}),
+            '\0');
         file->seekg(static_cast<std::streamoff>(from + offset));
         file->read(piece.data(), static_cast<std::streamsize>(piece.size()));
         if (file->gcount() <= 0) return false;

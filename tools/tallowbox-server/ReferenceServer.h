@@ -92,7 +92,7 @@ class ReferenceServer {
   Reply nextReply(const std::string& operation, const std::string& body);
   bool hasScript(const std::string& operation) const;
   // Answers with a download's bytes, streamed from the store.
-  static void serve(const ServerState::Download& download, httplib::Response& response);
+  void serve(const ServerState::Download& download, httplib::Response& response);
   // Sleeps up to `duration`; false when the server is stopping.
   bool pause(std::chrono::milliseconds duration);
 

@@ -9,6 +9,12 @@ namespace {
 constexpr const char* kLists[] = {"OwnerComputers", "SharedfoldersWithStatus", "FileToTransfer",
                                   "RecFileFromTransfer"};
 
+// A count of bytes given in the state: a non-negative integer, else nothing.
+std::optional<std::uint64_t> byteCount(const nlohmann::json& value) {
+  if (!value.is_number_integer() || value < 0) return std::nullopt;
+  return value.get<std::uint64_t>();
+}
+
 }  // namespace
 
 void ServerState::load(const std::string& scenario) { merge(nlohmann::json::parse(scenario)); }
@@ -51,13 +57,33 @@ void ServerState::complete(const std::string& transfer) {
 
 std::uint64_t ServerState::takeCut(const char* fault) {
   nlohmann::json& faults = state_["faults"];
-  if (!faults.is_object() || !faults.contains(fault) || !faults[fault].is_number_integer() ||
-      faults[fault] < 0) {
-    return UINT64_MAX;
-  }
-  auto cut = faults[fault].get<std::uint64_t>();
-  faults.erase(fault);
-  return cut;
+  if (!faults.is_object()) return UINT64_MAX;
+  std::optional<std::uint64_t> cut = byteCount(faults.value(fault, nlohmann::json()));
+  if (cut) faults.erase(fault);
+  return cut.value_or(UINT64_MAX);
+}
+
+void ServerState::makeFromScenario(const char* list, const std::string& key) {
+  const std::string name = std::string(list) + "/" + key;
+  if (store_.size(name) != 0 || !state_[list].is_object() || !state_[list].contains(key)) return;
+  const nlohmann::json& made = state_[list][key];
+  if (!made.is_object() || (!made.contains("text") && !made.contains("size"))) return;
+  const std::string text = made.value("text", std::string());
+  const std::uint64_t size = byteCount(made.value("size", nlohmann::json())).value_or(text.size());
+  std::uint64_t done = 0;
+  store_.replace(name, [&](const std::function<bool(const char*, std::size_t)>& sink) {
+    std::string block(1 << 16, '\0');
+    while (done < size) {
+      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - done));
+      for (std::size_t i = 0; i < n; ++i) {
+        std::uint64_t at = done + i;
+        block[i] = at < text.size() ? text[at] : static_cast<char>((at * 7 + at / 4093) & 0xFF);
+      }
+      if (!sink(block.data(), n)) return false;
+      done += n;
+    }
+    return true;
+  });
 }
 
 void ServerState::received(const std::string& transfer) {
@@ -97,32 +123,14 @@ std::optional<ServerState::Download> ServerState::download(const std::string& op
     download.offset = std::strtoull(length.get<std::string>().c_str(), nullptr, 10);
   std::lock_guard lock(mutex_);
   download.cutAfter = takeCut("cutDownloadAfter");
+  const nlohmann::json& faults = state_["faults"];
+  if (faults.is_object()) {
+    download.holdAfter =
+        byteCount(faults.value("holdDownloadAfter", nlohmann::json())).value_or(UINT64_MAX);
+  }
   if (!key.is_string()) return download;
   const std::string name = (fromComputer ? "saved/" : "cloud/") + key.get<std::string>();
-  if (fromComputer && store_.size(name) == 0 && state_["saved"].is_object() &&
-      state_["saved"].contains(key.get<std::string>())) {
-    // A saved file of the scenario, made the first time it is asked for.
-    const nlohmann::json& saved = state_["saved"][key.get<std::string>()];
-    std::string text = saved.is_object() ? saved.value("text", std::string()) : std::string();
-    std::uint64_t size = saved.is_object() && saved.contains("size") && saved["size"].is_number()
-                             ? saved["size"].get<std::uint64_t>()
-                             : text.size();
-    std::uint64_t made = 0;
-    store_.replace(name, [&](const std::function<bool(const char*, std::size_t)>& sink) {
-      std::string block(1 << 16, '\0');
-      while (made < size) {
-        std::size_t n =
-            static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - made));
-        for (std::size_t i = 0; i < n; ++i) {
-          std::uint64_t at = made + i;
-          block[i] = at < text.size() ? text[at] : static_cast<char>((at * 7 + at / 4093) & 0xFF);
-        }
-        if (!sink(block.data(), n)) return false;
-        made += n;
-      }
-      return true;
-    });
-  }
+  makeFromScenario(fromComputer ? "saved" : "cloud", key.get<std::string>());
   download.path = store_.pathOf(name);
   download.size = store_.size(name);
   return download;
@@ -209,6 +217,7 @@ std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
   }
   if (operation == "MAC/SharedFiles.svc/IsFileExistsInCloud") {
     const nlohmann::json path = request.value("StrFullPath", nlohmann::json());
+    if (path.is_string()) makeFromScenario("cloud", path.get<std::string>());
     bool exists = path.is_string() &&
                   std::filesystem::exists(store_.pathOf("cloud/" + path.get<std::string>()));
     return nlohmann::json{{"ReturnStatus", "0"}, {"IsExists", exists ? "True" : "False"}};

@@ -28,10 +28,12 @@
 // length and SHA-256 in snapshots. A transfer whose bytes are all there, or that
 // was reported sent and received, leaves every computer's "FileToTransfer".
 // Files to receive come from "saved": {"<SavedFileID>": {"text": "..."} or
-// {"size": n}}, made into the store when first asked for. Once acknowledged
+// {"size": n}}, and cloud copies from "cloud": {"<path>": {"text"|"size"}}, made
+// into the store when first asked for (bytes past "text" follow a fixed pattern). Once acknowledged
 // (UpdateFileReceived, DeleteReceivedFileFromTransfer) an entry leaves every
 // computer's "RecFileFromTransfer". {"faults": {"cutDownloadAfter": n}} drops the
-// next download after n bytes.
+// next download after n bytes; {"faults": {"holdDownloadAfter": n}} makes every
+// download send n bytes and then wait, connection open, until the fault is lifted.
 // {"faults": {"cutUploadAfter": n}} makes the next upload keep n bytes and then
 // drop the connection; {"faults": {"holdUploadAnswers": true}} holds every
 // upload's answer, once its bytes are stored, until the fault is lifted.
@@ -65,6 +67,8 @@ class ServerState {
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
     std::uint64_t cutAfter = UINT64_MAX;
+    // Bytes sent before the download waits for "holdDownloadAfter" to be lifted.
+    std::uint64_t holdAfter = UINT64_MAX;
   };
   // The bytes asked for by "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer" (the
   // saved file "SavedFileID", from "Length") or "MAC/SharedFiles.svc/GetFileStreamFromCloud"
@@ -87,6 +91,10 @@ class ServerState {
   void received(const std::string& transfer);
   // Takes `transfer` out of `list` of every computer. Called with the mutex held.
   void dropFromEveryComputer(const char* list, const std::string& transfer);
+  // Makes the store's file for `key` of `list` ("saved" or "cloud") from the
+  // scenario's {"text": ...} or {"size": n} the first time it is asked for. Called
+  // with the mutex held.
+  void makeFromScenario(const char* list, const std::string& key);
   // A one-shot fault's byte count, taken out of the state. Called with the mutex held.
   std::uint64_t takeCut(const char* fault);
 
