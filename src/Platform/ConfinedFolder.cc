@@ -270,17 +270,22 @@ ConfinedFolder::Parent ConfinedFolder::parentOf(const std::string& path) const {
 
 std::optional<struct stat> ConfinedFolder::status(const std::string& path) const {
   std::optional<Parent> parent;
+  // Missing is an answer; a name the file system cannot hold, or cannot look
+  // at, is an error.
+  auto missing = [](int code) { return code == ENOENT || code == ENOTDIR; };
   try {
     parent.emplace(parentOf(path));
-  } catch (const std::system_error&) {
-    return std::nullopt;  // a folder on the way is missing
+  } catch (const std::system_error& error) {
+    if (missing(error.code().value())) return std::nullopt;  // a folder on the way is missing
+    throw;
   }
   struct stat st {};
   int found = parent->name.empty()
                   ? ::fstat(parent->folder.get(), &st)
                   : ::fstatat(parent->folder.get(), parent->name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
-  if (found != 0) return std::nullopt;
-  return st;
+  if (found == 0) return st;
+  if (missing(errno)) return std::nullopt;
+  throw std::system_error(errno, std::generic_category(), "cannot look at " + path);
 }
 
 void ConfinedFolder::createDirectories(const std::string& path) const {

@@ -116,12 +116,33 @@ struct CurlCallbacks {
       }
       transfer.received.append(data, length);
     } else {
-      auto self = task->shared_from_this();
-      task->session_->deliver([self, chunk = std::string(data, length)] {
-        if (auto delegate = self->session_->delegate()) delegate->didReceiveData(*self, chunk);
-      });
+      if (task->undelivered_.load() >= CurlEngine::kMaximumUndelivered) {
+        // Paused until the delegate's queue has taken enough; whichever side
+        // clears the mark first decides who lets the data flow again.
+        task->heldBack_.store(true);
+        if (task->undelivered_.load() >= CurlEngine::kResumeBelow ||
+            !task->heldBack_.exchange(false)) {
+          return CURL_WRITEFUNC_PAUSE;  // libcurl hands the same bytes again later
+        }
+      }
+      transfer.pending.append(data, length);
+      if (transfer.pending.size() >= CurlEngine::kDeliveryPiece) deliverPending(*task);
     }
     return length;
+  }
+
+  // Hands what has gathered to the delegate's queue.
+  static void deliverPending(URLSessionTask& task) {
+    CurlTransfer& transfer = *task.transfer_;
+    transfer.lastDelivery = std::chrono::steady_clock::now();
+    if (transfer.pending.empty()) return;
+    task.undelivered_.fetch_add(transfer.pending.size());
+    auto self = task.shared_from_this();
+    task.session_->deliver([self, chunk = std::move(transfer.pending)] {
+      if (auto delegate = self->session_->delegate()) delegate->didReceiveData(*self, chunk);
+      CurlEngine::shared().delivered(self, chunk.size());
+    });
+    transfer.pending.clear();
   }
 
   static size_t read(char* buffer, size_t size, size_t count, void* user) {
@@ -137,7 +158,12 @@ struct CurlCallbacks {
     CurlTransfer& transfer = *task->transfer_;
     // Request time-out: no byte either way for that long.
     auto now = std::chrono::steady_clock::now();
-    if (dlnow + ulnow != transfer.bytesMoved) {
+    if (!transfer.pending.empty() && now - transfer.lastDelivery > CurlEngine::kDeliveryDelay) {
+      deliverPending(*task);  // a slow answer is not kept back
+    }
+    if (task->heldBack_.load()) {
+      transfer.lastActivity = now;  // waiting on the delegate, not on the network
+    } else if (dlnow + ulnow != transfer.bytesMoved) {
       transfer.bytesMoved = dlnow + ulnow;
       transfer.lastActivity = now;
     } else if (now - transfer.lastActivity > transfer.requestTimeout) {
@@ -192,6 +218,21 @@ void CurlEngine::setPaused(std::shared_ptr<URLSessionTask> task, bool paused) {
   post([task = std::move(task), paused] {
     if (task->transfer_ && task->transfer_->easy != nullptr) {
       curl_easy_pause(task->transfer_->easy, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
+    }
+  });
+}
+
+void CurlEngine::delivered(const std::shared_ptr<URLSessionTask>& task, std::size_t length) {
+  const std::size_t waiting = task->undelivered_.fetch_sub(length) - length;
+  if (waiting >= kResumeBelow || !task->heldBack_.exchange(false)) return;
+  post([task] {
+    bool suspended = false;
+    {
+      std::lock_guard lock(task->mutex_);
+      suspended = task->state_ == URLSessionTask::State::kSuspended;
+    }
+    if (!suspended && task->transfer_ && task->transfer_->easy != nullptr) {
+      curl_easy_pause(task->transfer_->easy, CURLPAUSE_CONT);
     }
   });
 }
@@ -288,6 +329,10 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, task.get());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlCallbacks::write);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, task.get());
+  if (task->kind_ != URLSessionTask::Kind::kDownload && !task->completion_) {
+    // Data for a delegate comes in large pieces: fewer hand-overs per file.
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 256L * 1024L);
+  }
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &CurlCallbacks::progress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, task.get());
@@ -380,6 +425,7 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
 
 void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, int curlCode) {
   auto result = static_cast<CURLcode>(curlCode);
+  CurlCallbacks::deliverPending(*task);  // what arrived goes before the ending
   const CurlTransfer& transfer = *task->transfer_;
   if (result == CURLE_OK) {
     finishWithCode(task, 0, "");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -24,6 +25,19 @@ class CurlEngine {
   // The most a task with a completion handler keeps of its answer: past it the
   // task ends with "data length exceeds maximum" instead of growing in memory.
   static constexpr std::size_t kMaximumAnswerLength = 64U << 20U;
+
+  // A task whose delegate takes its data has at most this many bytes waiting on
+  // the delegate's queue; past it the transfer pauses, and it goes on once fewer
+  // than kResumeBelow wait. A slow delegate slows the transfer instead of
+  // filling memory.
+  static constexpr std::size_t kMaximumUndelivered = 4U << 20U;
+  static constexpr std::size_t kResumeBelow = 1U << 20U;
+  // Data for a delegate is handed over in pieces of this size, or sooner when
+  // what has arrived has waited kDeliveryDelay.
+  static constexpr std::size_t kDeliveryPiece = 256U << 10U;
+  static constexpr std::chrono::milliseconds kDeliveryDelay{50};
+  // Called by the delegate's queue as it takes `length` bytes of `task`'s data.
+  void delivered(const std::shared_ptr<URLSessionTask>& task, std::size_t length);
 
   // Tests: transfers that are in flight now.
   std::size_t activeTransfers();

@@ -30,6 +30,10 @@ struct CurlTransfer {
   std::chrono::milliseconds requestTimeout{60000};
   std::chrono::steady_clock::time_point lastActivity;
   curl_off_t bytesMoved = 0;
+  // Data for a delegate not yet handed over, gathered into larger pieces, and when
+  // the last piece went.
+  std::string pending;
+  std::chrono::steady_clock::time_point lastDelivery;
   bool timedOut = false;
   bool answerTooLong = false;
 };

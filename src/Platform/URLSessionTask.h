@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,6 +44,9 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   void setTaskDescription(std::string description);
   std::optional<URLResponse> response() const;
   const URLRequest& originalRequest() const { return request_; }
+  // Whether the transfer is paused because its delegate has not yet taken the
+  // data already received.
+  bool isWaitingForDelegate() const { return heldBack_.load(); }
 
  private:
   friend class CurlEngine;
@@ -61,6 +65,11 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   bool started_ = false;
   std::string description_;
   std::optional<URLResponse> response_;
+
+  // Bytes handed to the delegate's queue and not yet taken by it, and whether the
+  // engine has paused the transfer until the delegate catches up.
+  std::atomic<std::size_t> undelivered_{0};
+  std::atomic<bool> heldBack_{false};
 
   // What the engine keeps while the transfer runs; engine thread only.
   std::unique_ptr<CurlTransfer> transfer_;

@@ -406,9 +406,10 @@ void ReceiveFileFromTransferHandler::renameFileWithName(const std::string& name,
     return;
   }
   try {
-    ServiceFolders::checkInside(from, iAppsPrefs());
-    ServiceFolders::checkInside(to, iAppsPrefs());
-    fs::rename(from, to);
+    // Through the product folder's facade, which refuses both names when they
+    // lie outside it.
+    const ConfinedFolder folder = productFolder();
+    folder.move(from, folder, to);
   } catch (const std::exception& error) {
     Log::printf("There is an Error: %s", error.what());
   }

@@ -51,6 +51,17 @@ class Recorder : public URLSessionDelegate {
   std::promise<std::optional<PlatformError>> done;
 };
 
+// A recorder that takes no data until it is let go.
+class HeldRecorder : public Recorder {
+ public:
+  void didReceiveData(URLSessionTask& task, const std::string& data) override {
+    gate.wait();
+    Recorder::didReceiveData(task, data);
+  }
+  std::promise<void> letGo;
+  std::shared_future<void> gate = letGo.get_future().share();
+};
+
 class URLSessionTest : public ::testing::Test {
  protected:
   void SetUp() override { server.start(); }
@@ -107,6 +118,27 @@ TEST_F(URLSessionTest, DataTaskDeliversTheWholeAnswerAndResponseOnTheDelegateQue
   EXPECT_EQ(seen[0].method, "POST");
   EXPECT_EQ(seen[0].body, R"({"a":"b"})");
   EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
+}
+
+TEST_F(URLSessionTest, DelegateThatFallsBehindPausesTheTransferAndStillGetsEveryByteInOrder) {
+  std::string body(32U << 20U, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i)
+    body[i] = static_cast<char>((i * 7 + i / 4093) & 0xFF);
+  server.script("Big", ReferenceServer::raw(body));
+  auto recorder = std::make_shared<HeldRecorder>();
+  auto session = URLSession::sessionWithConfiguration(URLSessionConfiguration{},
+                                                      std::weak_ptr<URLSessionDelegate>(recorder));
+  auto task = session->dataTaskWithRequest(post("Big"));
+  task->resume();
+  ASSERT_TRUE(waitUntil([&] { return task->isWaitingForDelegate(); }))
+      << "a delegate that takes nothing holds the transfer back";
+  recorder->letGo.set_value();
+  auto done = recorder->done.get_future();
+  ASSERT_EQ(done.wait_for(60s), std::future_status::ready);
+  EXPECT_FALSE(done.get());
+  std::lock_guard lock(recorder->mutex);
+  EXPECT_TRUE(recorder->received == body) << recorder->received.size() << " bytes, in order";
+  EXPECT_FALSE(task->isWaitingForDelegate());
 }
 
 TEST_F(URLSessionTest, HeadersGoOutAsGivenInOrderWithoutExpectAndSessionHeadersAfter) {

@@ -304,3 +304,53 @@ TEST_F(ReceiveFileFromTransferHandlerTest, BadValuesEndThePassAndNothingIsWritte
   handler->recFileFromTransfer({});
   EXPECT_EQ(delegate->notified, before);
 }
+
+TEST_F(ReceiveFileFromTransferHandlerTest, OverlongAndHollowNamesEndThePassWithNothingFetched) {
+  LogCapture log;
+  std::string deep;
+  for (int i = 0; i < 20; ++i) deep += std::string(250, 'd') + "\\";
+  const json download = {{"ChangeType", "1"},       {"IsOwnerToSubscriber", "1"},
+                         {"PrevFolderFileID", "0"}, {"UserComputerID", "M1"},
+                         {"OwnerFileID", "F1"},     {"IsFile", "True"},
+                         {"FromCloud", "0"},        {"FromComputerID", "C2"},
+                         {"ToComputerID", "C1"},    {"SavedFileID", "S1"}};
+  // A name past 255 bytes, and a path past 4096 bytes, each for a file.
+  json overlongName = download;
+  overlongName["FullPath"] = std::string(300, 'n');
+  json overlongPath = download;
+  overlongPath["IsOwnerToSubscriber"] = "0";
+  overlongPath["FullPathFromFileTable"] =
+      serverPath(product() / "Ann (Shared)") + "\\" + deep + "a.txt";
+  for (const json& file : {overlongName, overlongPath}) {
+    const int before = delegate->notified;
+    handler->recFileFromTransfer({entry(file)});
+    EXPECT_EQ(delegate->notified, before + 1) << file << " ends the pass";
+    expectConfined();
+  }
+  EXPECT_TRUE(server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer").empty())
+      << "nothing is fetched for a name the folder cannot hold";
+  EXPECT_TRUE(log.containsPrefix("Receive Files Exception: "));
+
+  // Empty components name the same place as single separators.
+  json folder = download;
+  folder["IsFile"] = "False";
+  folder["IsOwnerToSubscriber"] = "0";
+  folder["FullPathFromFileTable"] = serverPath(product() / "Ann (Shared)") + "\\\\\\Docs\\\\Sub";
+  folder["SharedFileTransferID"] = "R2";
+  handler->recFileFromTransfer({entry(folder)});
+  ASSERT_TRUE(waitUntil([&] { return !server.requestsFor(kReceived).empty(); }));
+  EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)" / "Docs" / "Sub"));
+
+  // A list entry without its name: the delete it leads to touches nothing.
+  Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+  list.push_back(Value(Value::Dictionary{{"OwnerFileID", "F8"}, {"Blocked", "0"}}));
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+  handler->recFileFromTransfer({entry({{"ChangeType", "3"},
+                                       {"IsOwnerToSubscriber", "1"},
+                                       {"OwnerFileID", "F8"},
+                                       {"IsFile", "True"},
+                                       {"SharedFileTransferID", "R3"}})});
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kReceived).size() >= 2; }));
+  EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)" / "Docs" / "Sub"));
+  expectConfined();
+}

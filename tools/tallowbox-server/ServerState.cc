@@ -26,12 +26,13 @@ void ServerState::merge(const nlohmann::json& patch) {
   state_.merge_patch(patch);
 }
 
+nlohmann::json ServerState::document() const {
+  std::lock_guard lock(mutex_);
+  return state_;
+}
+
 nlohmann::json ServerState::snapshot() const {
-  nlohmann::json state;
-  {
-    std::lock_guard lock(mutex_);
-    state = state_;
-  }
+  nlohmann::json state = document();
   for (const char* kind : {"transfers", "cloud"}) {
     if (!state.contains(kind) || !state[kind].is_object()) continue;
     for (auto& [name, entry] : state[kind].items()) {

@@ -56,7 +56,11 @@ class ServerState {
   // Applies a JSON merge patch (RFC 7396): keys set replace, null removes. Throws
   // nlohmann::json::exception when `patch` is not an object.
   void merge(const nlohmann::json& patch);
+  // The state, with the length and SHA-256 of every file the store holds (which
+  // reads each of them whole).
   nlohmann::json snapshot() const;
+  // The state alone, without reading the store: cheap enough to poll.
+  nlohmann::json document() const;
   // The fault named `name` ("faults" in the state), or null.
   nlohmann::json fault(const std::string& name) const;
 
