@@ -196,6 +196,7 @@ bool ServerState::belongsToUser(const nlohmann::json& computer, const nlohmann::
 
 std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
                                                   const std::string& body) {
+  if (operation == "SyncFileChanges.svc/SyncFilesInTableAndCloud") return synchronised(body);
   nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
   if (request.is_discarded() || !request.is_object()) request = nlohmann::json::object();
   std::lock_guard lock(mutex_);
@@ -255,4 +256,18 @@ std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
     return reply;
   }
   return std::nullopt;
+}
+
+nlohmann::json ServerState::synchronised(const std::string& body) {
+  const nlohmann::json changes = nlohmann::json::parse(body, nullptr, false);
+  if (!changes.is_array()) return {{"ReturnStatus", "1"}};
+  nlohmann::json results = nlohmann::json::array();
+  for (const nlohmann::json& change : changes) {
+    nlohmann::json result = {{"ReturnStatus", change.is_object() ? "0" : "1"}};
+    for (const char* id : {"FileID", "BaseSystemFileID"}) {
+      if (change.is_object() && change.contains(id)) result[id] = change[id];
+    }
+    results.push_back(std::move(result));
+  }
+  return results;
 }

@@ -37,6 +37,8 @@
 // {"faults": {"cutUploadAfter": n}} makes the next upload keep n bytes and then
 // drop the connection; {"faults": {"holdUploadAnswers": true}} holds every
 // upload's answer, once its bytes are stored, until the fault is lifted.
+// "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of its array
+// in order, with status "0" and the change's "FileID" and "BaseSystemFileID".
 class ServerState {
  public:
   // The header values of a streamed upload, by name.
@@ -99,6 +101,8 @@ class ServerState {
   // scenario's {"text": ...} or {"size": n} the first time it is asked for. Called
   // with the mutex held.
   void makeFromScenario(const char* list, const std::string& key);
+  // The answer to a list of file changes: one result per change, in order.
+  static nlohmann::json synchronised(const std::string& body);
   // A one-shot fault's byte count, taken out of the state. Called with the mutex held.
   std::uint64_t takeCut(const char* fault);
 
