@@ -131,6 +131,14 @@ struct CurlCallbacks {
     return length;
   }
 
+  static int debug(CURL* /*easy*/, curl_infotype type, char* data, size_t size, void* user) {
+    auto* task = static_cast<URLSessionTask*>(user);
+    if (type == CURLINFO_HEADER_OUT && task->transfer_->sentHeaders) {
+      task->transfer_->sentHeaders(task->request_.url, std::string(data, size));
+    }
+    return 0;
+  }
+
   // Hands what has gathered to the delegate's queue.
   static void deliverPending(URLSessionTask& task) {
     CurlTransfer& transfer = *task.transfer_;
@@ -332,6 +340,11 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   if (task->kind_ != URLSessionTask::Kind::kDownload && !task->completion_) {
     // Data for a delegate comes in large pieces: fewer hand-overs per file.
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 256L * 1024L);
+  }
+  if ((transfer.sentHeaders = Environment::current()->sentHeaders)) {
+    curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, &CurlCallbacks::debug);
+    curl_easy_setopt(easy, CURLOPT_DEBUGDATA, task.get());
+    curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
   }
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &CurlCallbacks::progress);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -34,6 +35,8 @@ struct CurlTransfer {
   // the last piece went.
   std::string pending;
   std::chrono::steady_clock::time_point lastDelivery;
+  // Who sees the header block sent (tests), as the environment named it.
+  std::function<void(const std::string& url, const std::string& block)> sentHeaders;
   bool timedOut = false;
   bool answerTooLong = false;
 };

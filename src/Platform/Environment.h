@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,6 +40,9 @@ class Environment {
   double requestTimeout = 60;
   // Where reachability questions go; nullptr is the routing table.
   std::shared_ptr<ReachabilityFlagsSource> reachabilityFlags;
+  // Tests: sees each request's header block as it goes on the wire (its URL,
+  // then the request line and header fields exactly as sent). Empty: nobody looks.
+  std::function<void(const std::string& url, const std::string& block)> sentHeaders;
 
   // The process's environment variables, read now.
   static Environment fromProcess();

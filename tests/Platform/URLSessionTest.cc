@@ -10,6 +10,7 @@
 #include "Platform/DispatchQueues.h"
 #include "Platform/Environment.h"
 #include "ReferenceServer.h"
+#include "support/SentHeaders.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -64,6 +65,8 @@ class HeldRecorder : public Recorder {
 
 class URLSessionTest : public ::testing::Test {
  protected:
+  ScopedEnvironment environment;
+  SentHeaders sent{environment};
   void SetUp() override { server.start(); }
 
   URLRequest post(const std::string& operation, std::string body = "{}") const {
@@ -156,7 +159,7 @@ TEST_F(URLSessionTest, HeadersGoOutAsGivenInOrderWithoutExpectAndSessionHeadersA
   auto seen = server.requestsFor("MAC/Order.svc/Check");
   ASSERT_EQ(seen.size(), 1U);
   std::vector<std::string> names;
-  for (const auto& [name, value] : seen[0].headers) {
+  for (const auto& [name, value] : sent.of("MAC/Order.svc/Check")) {
     if (name != "Host") names.push_back(name);
   }
   EXPECT_EQ(names, (std::vector<std::string>{"Content-Length", "Z-Header", "Content-Type",

@@ -15,6 +15,7 @@
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnvironment.h"
+#include "support/SentHeaders.h"
 #include "support/Sha256.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
@@ -76,6 +77,7 @@ class SendFileToTransferHandlerTest : public ::testing::Test {
  protected:
   // First made, last gone: every change below is undone after the test.
   ScopedEnvironment environment;
+  SentHeaders wire{environment};
   void SetUp() override {
     server.start();
     environment.update([&](Environment& e) {
@@ -136,7 +138,7 @@ TEST_F(SendFileToTransferHandlerTest, ComputerTransferCutMidwayResumesAtTheServe
   ASSERT_EQ(server.requestsFor(kToComputer).size(), 2U);
   const ReferenceServer::Request upload = server.requestsFor(kToComputer)[1];
   std::vector<std::pair<std::string, std::string>> headers;
-  for (const auto& header : upload.headers) {
+  for (const auto& header : wire.of(kToComputer, 1)) {
     if (header.first != "Host" && header.first != "Accept" && header.first != "Transfer-Encoding") {
       headers.push_back(header);
     }
@@ -190,7 +192,7 @@ TEST_F(SendFileToTransferHandlerTest, CloudUploadStartsAtZeroAndIsFollowedByBoth
 
   const ReferenceServer::Request upload = server.requestsFor(kToCloud).at(0);
   std::vector<std::string> names;
-  for (const auto& [name, value] : upload.headers) {
+  for (const auto& [name, value] : wire.of(kToCloud)) {
     if (name != "Host" && name != "Accept" && name != "Transfer-Encoding") names.push_back(name);
   }
   EXPECT_EQ(names, (std::vector<std::string>{"Content-Type", "ComputerID", "FullPathFromFileTable",

@@ -33,6 +33,14 @@ std::string ReferenceServer::Request::header(const std::string& name) const {
   return "";
 }
 
+namespace {
+
+std::vector<std::pair<std::string, std::string>> headersOf(const httplib::Request& request) {
+  return {request.headers.begin(), request.headers.end()};
+}
+
+}  // namespace
+
 ReferenceServer::ReferenceServer() : server_(std::make_unique<httplib::Server>()) { install(); }
 
 ReferenceServer::~ReferenceServer() {
@@ -55,11 +63,12 @@ int ReferenceServer::start(const std::string& host, int port) {
     temporaryStore_ = pattern;
     state_.openStore(temporaryStore_);
   }
-  // The HTTP server listens on a loopback port of its own; clients reach it
-  // through the relay, which notes the order of their headers.
-  int serverPort = server_->bind_to_any_port("127.0.0.1");
-  if (serverPort <= 0) throw std::runtime_error("cannot listen on loopback");
-  port_ = relay_.start(host, port, serverPort);
+  if (port == 0) {
+    port_ = server_->bind_to_any_port(host);
+  } else {
+    port_ = server_->bind_to_port(host, port) ? port : -1;
+  }
+  if (port_ <= 0) throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // The socket is bound already, so clients can connect; wait for the accept loop.
   for (int i = 0; i < 5000 && !server_->is_running(); ++i) {
@@ -75,7 +84,6 @@ void ReferenceServer::stop() {
     stopped_ = true;
   }
   stopping_.notify_all();
-  relay_.stop();
   server_->stop();
   if (thread_.joinable()) thread_.join();
 }
@@ -194,8 +202,7 @@ void ReferenceServer::install() {
       R"(/TallowboxRestService/(MAC/SharedFiles\.svc/(?:UpdateSendFileToTransfer|UploadFileWithStream)))",
       [this](const httplib::Request& request, httplib::Response& response,
              const httplib::ContentReader& content) {
-        Request recorded{request.method, request.matches[1].str(),
-                         relay_.takeHeaders(request.remote_port), "",
+        Request recorded{request.method, request.matches[1].str(), headersOf(request), "",
                          std::chrono::steady_clock::now()};
         // The log keeps a body's first MiB; the store takes all of it.
         auto note = [&recorded](const char* data, std::size_t length) {
@@ -250,8 +257,7 @@ void ReferenceServer::install() {
       });
   server_->Post(R"(/TallowboxRestService/(.*))", [this](const httplib::Request& request,
                                                         httplib::Response& response) {
-    Request recorded{request.method, request.matches[1].str(),
-                     relay_.takeHeaders(request.remote_port), request.body,
+    Request recorded{request.method, request.matches[1].str(), headersOf(request), request.body,
                      std::chrono::steady_clock::now()};
     {
       std::lock_guard lock(mutex_);

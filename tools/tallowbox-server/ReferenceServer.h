@@ -13,7 +13,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "HeaderOrderRelay.h"
 #include "ServerState.h"
 
 namespace httplib {
@@ -52,7 +51,9 @@ class ReferenceServer {
   struct Request {
     std::string method;
     std::string operation;  // the path below "/TallowboxRestService/"
-    std::vector<std::pair<std::string, std::string>> headers;  // in wire order
+    // By name, as the HTTP library keeps them; their order on the wire is seen
+    // where a test sends (the environment's sentHeaders).
+    std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
     std::chrono::steady_clock::time_point at;           // when it arrived
     std::string header(const std::string& name) const;  // first value, "" when absent
@@ -97,7 +98,6 @@ class ReferenceServer {
   bool pause(std::chrono::milliseconds duration);
 
   std::unique_ptr<httplib::Server> server_;
-  HeaderOrderRelay relay_;
   ServerState state_;
   std::thread thread_;
   std::string host_ = "127.0.0.1";
