@@ -67,8 +67,9 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   void suspend();
   void resume();
 
-  // Each read on the queue. The name is the service's (nullopt for an accepted
-  // peer); the others are the peer's, as numbers of their unsigned 32-bit values.
+  // The service's name (nullopt for an accepted peer); it never changes.
+  // The peer's identity, each read on the queue, as numbers of their unsigned
+  // 32-bit values.
   std::optional<std::string> connectionName() const;
   Value connectionEUID() const;
   Value connectionEGID() const;

@@ -101,10 +101,10 @@ std::optional<Value> XPCParse::arrayWithContentsOfXPCObject(const XPCObject& obj
   for (std::size_t index = 0; index < elements->size(); ++index) {
     std::optional<Value> converted = objectWithXPCObject((*elements)[index]);
     if (!converted) continue;
-    // kept: the element goes in at its source index, not at the end, so an
-    // element that converted to nothing before a later one makes the later one's
-    // insertion fail; peers of the bridge never send such arrays, and what they
-    // send converts as it always has.
+    // kept: elements go in at their source index, so positions match the
+    // sender's while every element converts; one that converts to nothing before
+    // a later element ends the conversion with a range error, and the connection
+    // drops that message.
     if (index > array.size()) {
       throw ValueError("insertObject:atIndex: index " + std::to_string(index) + " beyond bounds " +
                        (array.empty() ? std::string("for empty array")

@@ -36,6 +36,8 @@ XPCService::~XPCService() { NotificationCenter::defaultCenter().removeObserver(o
 
 void XPCService::handleConnection(const std::shared_ptr<XPCConnection>& connection) {
   {
+    // kept: a connection is never let go, even once it has ended; the runner
+    // serves the one application that started it, which connects once.
     std::lock_guard lock(mutex_);
     connections_.push_back(connection);
   }

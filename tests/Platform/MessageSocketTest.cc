@@ -1,14 +1,12 @@
-// The listening socket's place in the file system, and what a datagram carries.
+// The listening socket's place in the file system.
 #include "Platform/MessageSocket.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -72,26 +70,4 @@ TEST(MessageSocketTest, ListenerReplacesTheSocketOfAGoneServiceAndRefusesAnythin
   fs::create_directory(path);
   EXPECT_NE(refusal(path), "");
   EXPECT_NE(refusal(folder.file(std::string(120, 'x'))), "") << "longer than a socket path";
-}
-
-TEST(MessageSocketTest, DescriptorsTravelBesideTheDatagramAndTheEndOfThePeerReadsAsClosed) {
-  auto [mine, theirs] = MessageSocket::pair();
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
-  auto writeEnd = std::make_shared<const FileHandle>(ends[1]);
-  std::string why;
-  ASSERT_TRUE(mine->send({7}, {writeEnd, writeEnd}, why)) << why;
-  MessageSocket::Received received = theirs->receive();
-  ASSERT_EQ(received.descriptors.size(), 2U);
-  EXPECT_EQ(::write(received.descriptors[1]->fileDescriptor(), "x", 1), 1);
-  char byte = 0;
-  EXPECT_EQ(::read(ends[0], &byte, 1), 1);
-  EXPECT_EQ(byte, 'x');
-  EXPECT_EQ(::fcntl(received.descriptors[0]->fileDescriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-
-  EXPECT_FALSE(
-      mine->send(std::vector<std::uint8_t>(MessageSocket::kMaximumMessageSize + 1), {}, why));
-  mine.reset();
-  EXPECT_EQ(theirs->receive().outcome, MessageSocket::Received::Outcome::kClosed);
-  ::close(ends[0]);
 }

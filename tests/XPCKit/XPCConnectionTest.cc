@@ -2,7 +2,6 @@
 // the runner serving one in this process.
 #include "XPCKit/XPCConnection.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -16,7 +15,6 @@
 #include <thread>
 
 #include "XPCKit/XPCService.h"
-#include "XPCKit/XPCWireFormat.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnvironment.h"
 #include "support/SocketListening.h"
@@ -49,10 +47,6 @@ class Seen : public std::enable_shared_from_this<Seen> {
   std::vector<std::string> errors() const {
     std::lock_guard lock(mutex_);
     return errors_;
-  }
-  void forgetMessages() {
-    std::lock_guard lock(mutex_);
-    messages_.clear();
   }
   bool waitForMessages(std::size_t count) const {
     return waitUntil([&] { return messages().size() >= count; });
@@ -167,75 +161,6 @@ TEST_F(XPCConnectionTest, PeerIdentityIsTheProcessAtTheOtherEnd) {
   });
   pair.client->sendMessage(Value("who"));
   EXPECT_EQ(fromHandler.get_future().get(), Value::integer(::getpid()));
-}
-
-TEST_F(XPCConnectionTest, DatagramThatIsNotAMessageClosesOnlyItsOwnConnection) {
-  Pair healthy = connectedPair();
-  auto healthySeen = watch(*healthy.service);
-  const std::vector<std::pair<std::vector<std::uint8_t>, std::string>> datagrams = {
-      {{'h', 'e', 'l', 'l', 'o'}, "not a message: magic number 0x6c6c6568"},
-      {XPCWireFormat::encode(XPCObject::string("not a dictionary")).bytes,
-       "a message that is not a dictionary"},
-      {{0x42, 0x37, 0x13, 0x42, 0x05, 0, 0, 0, 0x00, 0xf0, 0, 0, 0xff, 0xff, 0, 0},
-       "a dictionary needs 65535 bytes"},
-      {XPCWireFormat::encode(XPCObject::dictionary({{"f", XPCObject::fileDescriptor(nullptr)}}))
-           .bytes,
-       "names descriptor 0 of 0 sent"},
-  };
-  for (const auto& sent : datagrams) {
-    const std::vector<std::uint8_t>& datagram = sent.first;
-    const std::string& why = sent.second;
-    auto [mine, theirs] = MessageSocket::pair();
-    auto service =
-        XPCConnection::initWithConnection(XPCRawConnection::createForPeer(std::move(mine)));
-    auto seen = watch(*service);
-    std::string unsent;
-    ASSERT_TRUE(theirs->send(datagram, {}, unsent)) << unsent;
-    EXPECT_EQ(theirs->receive().outcome, MessageSocket::Received::Outcome::kClosed)
-        << "the service closed its end";
-    EXPECT_TRUE(seen->waitForError("Connection invalid")) << why;
-    EXPECT_TRUE(seen->messages().empty()) << why;
-    EXPECT_TRUE(waitUntil([&] {
-      for (const std::string& line : log.lines()) {
-        if (line.starts_with("Closed a connection whose peer sent what is not a message: ") &&
-            line.find(why) != std::string::npos) {
-          return true;
-        }
-      }
-      return false;
-    })) << why;
-  }
-  healthy.client->sendMessage(Value("still served"));
-  ASSERT_TRUE(healthySeen->waitForMessages(1));
-  EXPECT_EQ(healthySeen->messages().front(), contents("still served"));
-  EXPECT_TRUE(healthySeen->errors().empty());
-}
-
-TEST_F(XPCConnectionTest, DescriptorInAMessageArrivesAsADuplicateAndNoCopyOutlivesItsHolders) {
-  Pair pair = connectedPair();
-  auto seen = watch(*pair.service);
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-  FileHandle readEnd(ends[0]);
-  pair.client->sendMessage(
-      Value(Value::Dictionary{{"pipe", Value(std::make_shared<const FileHandle>(ends[1]))}}));
-  ASSERT_TRUE(seen->waitForMessages(1));
-  std::optional<Value> message = seen->messages().front();
-  const Value* pipe = message->objectForKey("pipe");
-  ASSERT_TRUE(pipe != nullptr && pipe->fileHandle() != nullptr);
-  const int received = (*pipe->fileHandle())->fileDescriptor();
-  struct stat theirs {};
-  struct stat mine {};
-  ASSERT_EQ(::fstat(received, &theirs), 0);
-  ASSERT_EQ(::fstat(ends[0], &mine), 0);
-  EXPECT_EQ(theirs.st_ino, mine.st_ino) << "the same pipe";
-
-  seen->forgetMessages();
-  pipe = nullptr;
-  message.reset();
-  char byte = 0;
-  EXPECT_TRUE(waitUntil([&] { return ::read(ends[0], &byte, 1) == 0; }))
-      << "every write end is closed: the sender's once sent, the received one and its duplicate";
 }
 
 TEST_F(XPCConnectionTest, MessageThatCannotBeSentIsLoggedAndDropped) {
