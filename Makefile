@@ -61,7 +61,8 @@ fuzz: deps
 	$(FUZZ_BUILD)/reply_parser_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -rss_limit_mb=2048 -max_len=4194304 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
 	$(FUZZ_BUILD)/xpc_message_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
-	  -rss_limit_mb=2048 -max_len=140000 -print_final_stats=1 $(FUZZ_BUILD)/xpc-corpus tests/fuzz/xpc-corpus
+	  -rss_limit_mb=2048 -max_len=140000 -artifact_prefix=$(FUZZ_BUILD)/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/xpc-corpus tests/fuzz/xpc-corpus
 
 # What a cycle costs against its period; targets are in bench/CycleBench.cc.
 bench: build

@@ -8,7 +8,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -63,16 +62,24 @@ MessageSocket::Credentials credentialsOf(int fd) {
   return credentials;
 }
 
-// The write end of the current listener's pipe, for the SIGTERM handler.
-std::atomic<int> gTerminationPipe{-1};
+// The pipe SIGTERM is written into while a listener lives. Made once and never
+// closed, so that a handler running on any thread as a listener ends never
+// writes into a descriptor that is gone, or reused.
+struct TerminationPipe {
+  int fds[2] = {-1, -1};
+  TerminationPipe() {
+    if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) fds[0] = fds[1] = -1;
+  }
+};
+const TerminationPipe& terminationPipe() {
+  static const auto* pipe = new TerminationPipe;
+  return *pipe;
+}
 
 extern "C" void terminationRequested(int /*signal*/) {
   const int saved = errno;
-  int fd = gTerminationPipe.load();
-  if (fd >= 0) {
-    const char byte = 1;
-    static_cast<void>(::write(fd, &byte, 1));
-  }
+  const char byte = 1;
+  static_cast<void>(::write(terminationPipe().fds[1], &byte, 1));
   errno = saved;
 }
 
@@ -239,10 +246,12 @@ MessageSocket::Listener::Listener(std::string path) : path_(std::move(path)) {
 
   // SIGTERM is caught before the socket appears, so that whoever sees it can end
   // the listener with it.
-  if (::pipe2(termination_, O_CLOEXEC | O_NONBLOCK) != 0) {
-    throw std::runtime_error(failure("cannot make a pipe", errno));
+  const int termination = terminationPipe().fds[0];
+  if (termination < 0) throw std::runtime_error("cannot make a pipe for SIGTERM");
+  // What an earlier listener was sent, or a handler wrote as it ended, is over.
+  char stale[64];
+  while (::read(termination, stale, sizeof stale) > 0) {
   }
-  previousTerminationPipe_ = gTerminationPipe.exchange(termination_[1]);
   struct sigaction action {};
   action.sa_handler = terminationRequested;
   sigemptyset(&action.sa_mask);
@@ -250,10 +259,7 @@ MessageSocket::Listener::Listener(std::string path) : path_(std::move(path)) {
   ::sigaction(SIGTERM, &action, &previousTerminationAction_);
   auto fail = [&](const std::string& what, int error) {
     ::sigaction(SIGTERM, &previousTerminationAction_, nullptr);
-    gTerminationPipe.store(previousTerminationPipe_);
     if (fd_ >= 0) ::close(fd_);
-    ::close(termination_[0]);
-    ::close(termination_[1]);
     throw std::runtime_error(failure(what, error));
   };
 
@@ -278,20 +284,17 @@ MessageSocket::Listener::Listener(std::string path) : path_(std::move(path)) {
 
 MessageSocket::Listener::~Listener() {
   ::sigaction(SIGTERM, &previousTerminationAction_, nullptr);
-  gTerminationPipe.store(previousTerminationPipe_);
   struct stat current {};
   if (::lstat(path_.c_str(), &current) == 0 && current.st_dev == device_ &&
       current.st_ino == inode_) {
     ::unlink(path_.c_str());
   }
   ::close(fd_);
-  ::close(termination_[0]);
-  ::close(termination_[1]);
 }
 
 std::unique_ptr<MessageSocket> MessageSocket::Listener::accept() {
   for (;;) {
-    pollfd watched[2] = {{termination_[0], POLLIN, 0}, {fd_, POLLIN, 0}};
+    pollfd watched[2] = {{terminationPipe().fds[0], POLLIN, 0}, {fd_, POLLIN, 0}};
     if (::poll(watched, 2, -1) < 0) {
       if (errno == EINTR) continue;
       Log::line(failure("Stopped accepting connections", errno));

@@ -76,8 +76,7 @@ class MessageSocket {
 
   // A listening socket at a path of the file system, mode 0600. While one lives,
   // SIGTERM is caught: it makes accept() answer nullptr from then on. (One
-  // listener at a time catches it; listeners end in the reverse order of their
-  // making.)
+  // listener at a time.)
   class Listener {
    public:
     // Listens at `path`. A socket left there by a process that no longer serves
@@ -96,8 +95,6 @@ class MessageSocket {
    private:
     std::string path_;
     int fd_ = -1;
-    int termination_[2] = {-1, -1};  // the signal handler writes into [1]
-    int previousTerminationPipe_ = -1;
     struct sigaction previousTerminationAction_ {};
     std::uint64_t device_ = 0;
     std::uint64_t inode_ = 0;
