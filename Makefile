@@ -29,7 +29,7 @@ demo: build
 
 # Everything CI checks: formatting, the plain build with every test, the whole
 # suite again under AddressSanitizer + UndefinedBehaviorSanitizer, the tests that
-# exercise queues under ThreadSanitizer, and a short run of the reply fuzzer.
+# exercise queues under ThreadSanitizer, and a short run of each fuzzer.
 test: deps format-check test-plain test-asan test-tsan fuzz
 
 test-plain: build
@@ -46,18 +46,23 @@ test-asan: deps
 test-tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALLOWBOX_WERROR=ON \
 	  -DTALLOWBOX_SANITIZE=thread $(CMAKE_ARGS)
-	cmake --build $(TSAN_BUILD) -j$(JOBS) --target queue_tests transport_tests process_tests
+	cmake --build $(TSAN_BUILD) -j$(JOBS) --target queue_tests transport_tests process_tests \
+	  xpc_tests xpc_process_tests
 	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	  ctest --output-on-failure -j$(JOBS) -L queues
 
-# The reply parsers under libFuzzer, from the seed corpus of real replies, for
-# FUZZ_SECONDS; what it finds new is kept in $(FUZZ_BUILD)/corpus.
+# The reply parsers under libFuzzer, from the seed corpus of real replies, then the
+# legacy bridge's message decoder and conversions, from seed messages, each for
+# FUZZ_SECONDS; what they find new is kept in $(FUZZ_BUILD)/corpus and xpc-corpus.
 fuzz: deps
 	cmake -S tests/fuzz -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(FUZZ_BUILD) -j$(JOBS)
-	mkdir -p $(FUZZ_BUILD)/corpus
+	mkdir -p $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/xpc-corpus
 	$(FUZZ_BUILD)/reply_parser_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -rss_limit_mb=2048 -max_len=4194304 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
+	$(FUZZ_BUILD)/xpc_message_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -rss_limit_mb=2048 -max_len=140000 -artifact_prefix=$(FUZZ_BUILD)/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/xpc-corpus tests/fuzz/xpc-corpus
 
 # What a cycle costs against its period; targets are in bench/CycleBench.cc.
 bench: build

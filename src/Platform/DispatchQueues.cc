@@ -75,9 +75,10 @@ void DispatchQueues::dispatchSerial(const SerialQueue& queue, Work work) {
   asio::post(queue.strand_->strand, [work = std::move(work)] { runGuarded(work); });
 }
 
-DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue() {
+DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue(std::string label) {
   SerialQueue queue;
   queue.strand_ = std::make_shared<SerialQueue::Strand>(
       SerialQueue::Strand{asio::make_strand(executors_->pool.get_executor())});
+  queue.label_ = std::move(label);
   return queue;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <thread>
 
 #include "Platform/Scheduler.h"
@@ -20,11 +21,14 @@ class DispatchQueues : public Scheduler {
    public:
     // Whether the caller runs on this queue.
     bool isCurrent() const;
+    // The name it was made with ("" when none).
+    const std::string& label() const { return label_; }
 
    private:
     friend class DispatchQueues;
     struct Strand;
     std::shared_ptr<Strand> strand_;
+    std::string label_;
   };
 
   // The process-wide queues, started on first use and never stopped.
@@ -44,7 +48,8 @@ class DispatchQueues : public Scheduler {
 
   // Runs `work` on `queue` after every earlier work of that queue.
   static void dispatchSerial(const SerialQueue& queue, Work work);
-  SerialQueue makeSerialQueue();
+  // A new serial queue, named `label` for whoever looks at it.
+  SerialQueue makeSerialQueue(std::string label = {});
 
   // The guard every work item runs under.
   static void runGuarded(const Work& work);

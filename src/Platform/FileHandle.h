@@ -14,6 +14,11 @@ class FileHandle {
 
   int fileDescriptor() const { return descriptor_; }
 
+  // A handle of its own on a duplicate of `descriptor` (close-on-exec), or
+  // nullptr when the descriptor cannot be duplicated (not open, no descriptor
+  // left).
+  static std::shared_ptr<const FileHandle> duplicating(int descriptor);
+
  private:
   int descriptor_;
 };

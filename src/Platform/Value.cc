@@ -1,5 +1,6 @@
 #include "Platform/Value.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -10,6 +11,12 @@ FileHandle::FileHandle(int descriptor) : descriptor_(descriptor) {}
 
 FileHandle::~FileHandle() {
   if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+std::shared_ptr<const FileHandle> FileHandle::duplicating(int descriptor) {
+  int copy = descriptor < 0 ? -1 : ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) return nullptr;
+  return std::make_shared<const FileHandle>(copy);
 }
 
 std::string_view Value::kindName() const {

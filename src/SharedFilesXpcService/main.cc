@@ -1,12 +1,13 @@
 #include <cstring>
 #include <exception>
-#include <iostream>
+#include <optional>
 
 #include "Platform/Log.h"
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ServiceDelegate.h"
 #include "SharedFilesXpcService/ServiceListener.h"
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
+#include "XPCKit/XPCService.h"
 
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
@@ -14,8 +15,21 @@ int main(int argc, char** argv) {
   }
 
   if (ServicesUtilities::is10_7()) {
-    std::cerr << "SharedFilesXpcService: the legacy XPC runner for AppKit 1138 is not built yet\n";
-    return 1;
+    // The legacy runner, without the session bus: every message on any
+    // connection starts one more service object with a cycle of its own.
+    try {
+      XPCService::runServiceWithConnectionHandler(
+          [](const std::shared_ptr<XPCConnection>& connection) {
+            connection->setEventHandler(
+                [](const std::optional<Value>& /*message*/, XPCConnection& /*connection*/) {
+                  SharedFilesXpcService::create()->SharedFile();
+                });
+          });
+    } catch (const std::exception& e) {
+      Log::printf("SharedFilesXpcService stopped: %s", e.what());
+      return 1;
+    }
+    return 0;
   }
 
   ServiceDelegate delegate;

@@ -3,7 +3,6 @@
 // loopback. What it did is read from the server's request log and from the
 // preference files it keeps.
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include "ReferenceServer.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
 #include "support/ChildProcess.h"
+#include "support/OpenCounter.h"
 #include "support/PrivateBus.h"
 #include "support/ScopedEnvironment.h"
 #include "support/Sha256.h"
@@ -33,36 +33,6 @@ namespace {
 
 constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
 constexpr auto kPeriod = 250ms;
-
-// Counts the times a file is opened, by any process, as the kernel reports them.
-class OpenCounter {
- public:
-  explicit OpenCounter(const std::string& path) : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-    if (fd_ < 0 || ::inotify_add_watch(fd_, path.c_str(), IN_OPEN) < 0) {
-      throw std::runtime_error("cannot watch " + path);
-    }
-  }
-  ~OpenCounter() { ::close(fd_); }
-  OpenCounter(const OpenCounter&) = delete;
-  OpenCounter& operator=(const OpenCounter&) = delete;
-
-  std::size_t count() {
-    alignas(inotify_event) char buffer[4096];
-    ssize_t n = 0;
-    while ((n = ::read(fd_, buffer, sizeof buffer)) > 0) {
-      for (ssize_t at = 0; at < n;) {
-        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-        opens_ += (event->mask & IN_OPEN) != 0 ? 1 : 0;
-        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-      }
-    }
-    return opens_;
-  }
-
- private:
-  int fd_;
-  std::size_t opens_ = 0;
-};
 
 class ServiceProcessTest : public ::testing::Test {
  protected:

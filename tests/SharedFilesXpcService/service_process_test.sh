@@ -14,11 +14,20 @@ trap cleanup EXIT
 fail() { echo "FAIL: $*"; exit 1; }
 export XDG_CONFIG_HOME=$work/config
 
-# On AppKit 1138 the legacy runner would serve; it is not built, and main says so.
+# On AppKit 1138 the legacy runner serves a socket in the runtime folder, with no
+# bus at all; SIGTERM ends it cleanly and takes the socket away.
+mkdir -m 700 "$work/run"
+socket=$work/run/Quentara.SharedFilesXpcService.xpc
 for version in 1138 1138.5; do
-  TALLOWBOX_APPKIT_VERSION=$version "$service" 2>"$work/err" && fail "exit 0 on $version"
-  grep -q "legacy XPC runner for AppKit 1138 is not built yet" "$work/err" ||
-    fail "no word on stderr on $version: $(cat "$work/err")"
+  env -u DBUS_SESSION_BUS_ADDRESS XDG_RUNTIME_DIR="$work/run" TALLOWBOX_APPKIT_VERSION=$version \
+    "$service" --log-stderr 2>"$work/err" &
+  service_pid=$!
+  for _ in $(seq 100); do [ -S "$socket" ] && break; sleep 0.05; done
+  [ -S "$socket" ] || fail "no socket on $version: $(cat "$work/err")"
+  [ "$(stat -c %a "$socket")" = 600 ] || fail "socket mode $(stat -c %a "$socket") on $version"
+  kill -TERM "$service_pid"; wait "$service_pid"; status=$?; service_pid=""
+  [ "$status" -eq 0 ] || fail "exit $status after SIGTERM on $version: $(cat "$work/err")"
+  [ -e "$socket" ] && fail "socket left behind on $version"
 done
 
 # Without a bus the service says why and exits non-zero.

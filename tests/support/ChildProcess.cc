@@ -17,10 +17,14 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& setting
     std::string text(*entry);
     std::string name = text.substr(0, text.find('=') + 1);
     bool replaced = false;
-    for (const std::string& setting : settings) replaced = replaced || setting.starts_with(name);
+    for (const std::string& setting : settings) {
+      replaced = replaced || setting.starts_with(name) || setting + "=" == name;
+    }
     if (!replaced) environment.push_back(std::move(text));
   }
-  environment.insert(environment.end(), settings.begin(), settings.end());
+  for (const std::string& setting : settings) {
+    if (setting.find('=') != std::string::npos) environment.push_back(setting);
+  }
   return environment;
 }
 

@@ -11,8 +11,8 @@
 class ChildProcess {
  public:
   // Starts argv[0] (looked up in PATH) with `settings` ("NAME=value") replacing
-  // or adding to the environment. Standard output and error go to `outputFile`
-  // when given. Throws std::runtime_error when it cannot be started.
+  // or adding to the environment; a setting "NAME" alone removes NAME from it. Standard output and
+  // error go to `outputFile` when given. Throws std::runtime_error when it cannot be started.
   ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& settings,
                const std::string& outputFile = "");
   ~ChildProcess();
