@@ -28,7 +28,8 @@ TEST(ServerStateTest, PendingWorkIsAnsweredForTheAskingComputerOfItsOwnUser) {
   EXPECT_EQ(ask(state, {{"UserID", "U2"}, {"ComputerID", "C2"}}), refused)
       << "list of the wrong kind";
   EXPECT_EQ(ask(state, {{"ComputerID", "C1"}}), refused) << "no user";
-  EXPECT_EQ(*state.answer(kQuery, "not JSON"), refused);
+  EXPECT_EQ(*state.answer(kQuery, "not JSON"),
+            json({{"ReturnStatus", "1"}, {"error", "the body is not a JSON object"}}));
 
   // Without users every computer is answered; one with nothing pending too.
   state.merge({{"users", nullptr}});

@@ -186,17 +186,21 @@ void ReferenceServer::install() {
   server_->Get("/admin/state", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(state_.snapshot().dump(2), "application/json");
   });
-  server_->Post("/admin/state",
-                [this](const httplib::Request& request, httplib::Response& response) {
-                  nlohmann::json patch = nlohmann::json::parse(request.body, nullptr, false);
-                  if (!patch.is_object()) {
-                    response.status = 400;
-                    response.set_content("a state change is a JSON object\n", "text/plain");
-                    return;
-                  }
-                  state_.merge(patch);
-                  response.set_content(state_.snapshot().dump(2), "application/json");
-                });
+  server_->Post("/admin/state", [this](const httplib::Request& request,
+                                       httplib::Response& response) {
+    nlohmann::json patch = nlohmann::json::parse(request.body, nullptr, false);
+    try {
+      if (!patch.is_object()) {
+        throw std::invalid_argument("a state change is a JSON object");
+      }
+      state_.merge(patch);
+    } catch (const std::exception& e) {
+      response.status = 400;
+      response.set_content(nlohmann::json{{"error", e.what()}}.dump() + "\n", "application/json");
+      return;
+    }
+    response.set_content(state_.snapshot().dump(2), "application/json");
+  });
   // The streamed uploads: their bodies go to the store as they arrive.
   server_->Post(
       R"(/TallowboxRestService/(MAC/SharedFiles\.svc/(?:UpdateSendFileToTransfer|UploadFileWithStream)))",

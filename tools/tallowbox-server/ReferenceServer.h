@@ -26,7 +26,10 @@ struct Response;
 // (pending work per computer, the error log, the bytes of uploads), else
 // {"ReturnStatus":"0"}. Every request is recorded (a streamed upload without its
 // body). Below "/admin/": GET "state" shows the state and POST
-// "state" merges a JSON merge patch into it.
+// "state" merges a JSON merge patch into it (see ServerState and Broker for
+// what it holds); a patch that is not a JSON object, or that would give the
+// state the wrong shape, is answered with HTTP 400 and {"error": why} and
+// changes nothing.
 class ReferenceServer {
  public:
   // One scripted reply.
@@ -67,6 +70,8 @@ class ReferenceServer {
   // Keeps uploaded bytes in `folder` (before start); without it the server keeps
   // them in a temporary folder of its own, removed when it is destroyed.
   void setStoreFolder(const std::string& folder);
+  // Keeps the state in the file `path` (before start): see ServerState::setStateFile.
+  bool setStateFile(const std::string& path) { return state_.setStateFile(path); }
 
   // Listens on `host`:`port` (0: any free port) in a thread of its own; returns the
   // port. Throws std::runtime_error when it cannot listen.

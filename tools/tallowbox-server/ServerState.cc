@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
+#include <stdexcept>
+
+#include "Broker.h"
 
 namespace {
 
@@ -15,6 +19,17 @@ std::optional<std::uint64_t> byteCount(const nlohmann::json& value) {
   return value.get<std::uint64_t>();
 }
 
+nlohmann::json refusal(const std::string& why) { return {{"ReturnStatus", "1"}, {"error", why}}; }
+
+// The id under `key` of `request`: text as it is, an integer in decimals.
+std::optional<std::string> idOf(const nlohmann::json& request, const char* key) {
+  auto found = request.find(key);
+  if (found == request.end()) return std::nullopt;
+  if (found->is_string()) return found->get<std::string>();
+  if (found->is_number_integer()) return found->dump();
+  return std::nullopt;
+}
+
 }  // namespace
 
 void ServerState::load(const std::string& scenario) { merge(nlohmann::json::parse(scenario)); }
@@ -23,7 +38,45 @@ void ServerState::merge(const nlohmann::json& patch) {
   if (!patch.is_object())
     throw nlohmann::json::type_error::create(302, "a state change is an object", &patch);
   std::lock_guard lock(mutex_);
-  state_.merge_patch(patch);
+  nlohmann::json changed = state_;
+  changed.merge_patch(patch);
+  if (std::string problem = Broker::problem(changed); !problem.empty()) {
+    throw std::invalid_argument(problem);
+  }
+  state_ = std::move(changed);
+  keep();
+}
+
+bool ServerState::setStateFile(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  file_.emplace(path);
+  std::optional<std::string> text = file_->read();
+  if (!text) {
+    keep();
+    return false;
+  }
+  nlohmann::json kept = nlohmann::json::parse(*text, nullptr, false);
+  std::string problem = Broker::problem(kept);
+  if (kept.is_discarded() || !problem.empty()) {
+    file_.reset();
+    throw std::runtime_error(
+        path + " does not hold a state: " + (kept.is_discarded() ? "not JSON" : problem));
+  }
+  state_ = std::move(kept);
+  written_ = *text;
+  return true;
+}
+
+void ServerState::keep() {
+  if (!file_) return;
+  std::string text = state_.dump(1);
+  if (text == written_) return;
+  try {
+    file_->write(text);
+    written_ = std::move(text);
+  } catch (const std::exception& e) {
+    std::cerr << "tallowbox-server: the state is not kept: " << e.what() << std::endl;
+  }
 }
 
 nlohmann::json ServerState::document() const {
@@ -54,6 +107,7 @@ nlohmann::json ServerState::fault(const std::string& name) const {
 void ServerState::complete(const std::string& transfer) {
   state_["transfers"][transfer]["complete"] = true;
   dropFromEveryComputer("FileToTransfer", transfer);
+  Broker(state_).sent(transfer);
 }
 
 std::uint64_t ServerState::takeCut(const char* fault) {
@@ -90,6 +144,7 @@ void ServerState::makeFromScenario(const char* list, const std::string& key) {
 void ServerState::received(const std::string& transfer) {
   state_["received"][transfer] = true;
   dropFromEveryComputer("RecFileFromTransfer", transfer);
+  Broker(state_).received(transfer);
 }
 
 void ServerState::dropFromEveryComputer(const char* list, const std::string& transfer) {
@@ -124,14 +179,19 @@ std::optional<ServerState::Download> ServerState::download(const std::string& op
     download.offset = std::strtoull(length.get<std::string>().c_str(), nullptr, 10);
   std::lock_guard lock(mutex_);
   download.cutAfter = takeCut("cutDownloadAfter");
+  keep();
   const nlohmann::json& faults = state_["faults"];
   if (faults.is_object()) {
     download.holdAfter =
         byteCount(faults.value("holdDownloadAfter", nlohmann::json())).value_or(UINT64_MAX);
   }
   if (!key.is_string()) return download;
-  const std::string name = (fromComputer ? "saved/" : "cloud/") + key.get<std::string>();
-  makeFromScenario(fromComputer ? "saved" : "cloud", key.get<std::string>());
+  std::string name = (fromComputer ? "saved/" : "cloud/") + key.get<std::string>();
+  if (fromComputer && Broker(state_).isUpload(key.get<std::string>())) {
+    name = "transfers/" + key.get<std::string>();  // what its owner uploaded
+  } else {
+    makeFromScenario(fromComputer ? "saved" : "cloud", key.get<std::string>());
+  }
   download.path = store_.pathOf(name);
   download.size = store_.size(name);
   return download;
@@ -146,7 +206,9 @@ std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
   {
     std::lock_guard lock(mutex_);
     limit = takeCut("cutUploadAfter");
+    keep();
     // The cloud keeps a copy under its sender's name, whoever receives it.
+    if (std::optional<std::string> owner = Broker(state_).sender(transfer)) sender = *owner;
     const nlohmann::json& computers = state_["computers"];
     for (auto computer = computers.begin(); computers.is_object() && computer != computers.end();
          ++computer) {
@@ -163,12 +225,15 @@ std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
     bool whole = store_.append("transfers/" + transfer, read, limit);
     std::lock_guard lock(mutex_);
     state_["transfers"][transfer]["expected"] = header("Length");
-    if (!whole) return std::nullopt;
-    const std::string& expected = header("Length");
-    if (!expected.empty() &&
-        store_.size("transfers/" + transfer) >= std::strtoull(expected.c_str(), nullptr, 10)) {
-      complete(transfer);
+    if (whole) {
+      const std::string& expected = header("Length");
+      if (!expected.empty() &&
+          store_.size("transfers/" + transfer) >= std::strtoull(expected.c_str(), nullptr, 10)) {
+        complete(transfer);
+      }
     }
+    keep();
+    if (!whole) return std::nullopt;
     return nlohmann::json{{"ReturnStatus", "0"}};
   }
   const std::string copy = "\\" + sender + header("FullPathFromFileTable");
@@ -180,6 +245,8 @@ std::optional<nlohmann::json> ServerState::receive(const std::string& operation,
   if (!store_.replace("cloud/" + copy, read)) return std::nullopt;
   std::lock_guard lock(mutex_);
   state_["cloud"][copy]["SharedFileTransferID"] = transfer;
+  if (!transfer.empty()) complete(transfer);
+  keep();
   return nlohmann::json{{"ReturnStatus", "0"}};
 }
 
@@ -197,65 +264,87 @@ bool ServerState::belongsToUser(const nlohmann::json& computer, const nlohmann::
 std::optional<nlohmann::json> ServerState::answer(const std::string& operation,
                                                   const std::string& body) {
   if (operation == "SyncFileChanges.svc/SyncFilesInTableAndCloud") return synchronised(body);
+  static const char* const kServed[] = {"MAC/ErrorLog.svc/LogError",
+                                        "MAC/SharedFiles.svc/CheckFileExistsInTransfers",
+                                        "MAC/SharedFiles.svc/UpdateFileReceived",
+                                        "MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer",
+                                        "MAC/SharedFiles.svc/IsFileExistsInCloud",
+                                        "MAC/SharedFiles.svc/UpdateFileExists",
+                                        "MAC/SharedFiles.svc/UpdateFileSendReceived",
+                                        "MAC/SharedFiles.svc/GetSharedFilesTransferData",
+                                        "SyncFileChanges.svc/InsertSharedFilesTransfer"};
+  if (std::find(std::begin(kServed), std::end(kServed), operation) == std::end(kServed)) {
+    return std::nullopt;
+  }
   nlohmann::json request = nlohmann::json::parse(body, nullptr, false);
-  if (request.is_discarded() || !request.is_object()) request = nlohmann::json::object();
+  if (!request.is_object()) return refusal("the body is not a JSON object");
   std::lock_guard lock(mutex_);
+  std::optional<nlohmann::json> reply;
+  try {
+    reply = respond(operation, request);
+  } catch (const std::exception& e) {
+    reply = refusal(e.what());
+  }
+  keep();
+  return reply;
+}
+
+std::optional<nlohmann::json> ServerState::respond(const std::string& operation,
+                                                   const nlohmann::json& request) {
   if (operation == "MAC/ErrorLog.svc/LogError") {
     if (!state_["errorLog"].is_array()) state_["errorLog"] = nlohmann::json::array();
     state_["errorLog"].push_back(request);
     return nlohmann::json{{"ReturnStatus", "0"}};
   }
-  const nlohmann::json transfer = request.value("SharedFileTransferID", nlohmann::json());
-  if (operation == "MAC/SharedFiles.svc/CheckFileExistsInTransfers") {
-    if (!transfer.is_string()) return nlohmann::json{{"ReturnStatus", "1"}};
-    return nlohmann::json{
-        {"ReturnStatus", "0"},
-        {"ByteStartPos", std::to_string(store_.size("transfers/" + transfer.get<std::string>()))}};
-  }
-  if (operation == "MAC/SharedFiles.svc/UpdateFileReceived" ||
-      operation == "MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer") {
-    if (transfer.is_string()) received(transfer.get<std::string>());
-    return nlohmann::json{{"ReturnStatus", "0"}};
-  }
-  if (operation == "MAC/SharedFiles.svc/IsFileExistsInCloud") {
-    const nlohmann::json path = request.value("StrFullPath", nlohmann::json());
-    if (path.is_string()) makeFromScenario("cloud", path.get<std::string>());
-    bool exists = path.is_string() &&
-                  std::filesystem::exists(store_.pathOf("cloud/" + path.get<std::string>()));
-    return nlohmann::json{{"ReturnStatus", "0"}, {"IsExists", exists ? "True" : "False"}};
-  }
-  if (operation == "MAC/SharedFiles.svc/UpdateFileExists" ||
-      operation == "MAC/SharedFiles.svc/UpdateFileSendReceived") {
-    if (!transfer.is_string()) return nlohmann::json{{"ReturnStatus", "1"}};
-    const std::string id = transfer.get<std::string>();
-    if (operation == "MAC/SharedFiles.svc/UpdateFileExists") {
-      state_["transfers"][id]["exists"] = true;
-    } else {
-      state_["transfers"][id]["sendReceived"] = true;
-      complete(id);
-    }
-    return nlohmann::json{{"ReturnStatus", "0"}};
+  if (operation == "SyncFileChanges.svc/InsertSharedFilesTransfer") {
+    return Broker(state_).report(request);
   }
   if (operation == "MAC/SharedFiles.svc/GetSharedFilesTransferData") {
-    const nlohmann::json computer = request.value("ComputerID", nlohmann::json());
-    if (!belongsToUser(computer, request.value("UserID", nlohmann::json()))) {
+    std::optional<std::string> computer = idOf(request, "ComputerID");
+    if (!computer) return refusal("ComputerID is missing or not text");
+    if (!belongsToUser(*computer, request.value("UserID", nlohmann::json()))) {
       return nlohmann::json{{"ReturnStatus", "1"}};
     }
     nlohmann::json reply = {{"ReturnStatus", "0"}};
+    for (const char* list : kLists) reply[list] = nlohmann::json::array();
     const nlohmann::json& computers = state_["computers"];
-    if (computer.is_string() && computers.is_object() &&
-        computers.contains(computer.get<std::string>())) {
-      const nlohmann::json& pending = computers[computer.get<std::string>()];
+    if (computers.is_object() && computers.contains(*computer)) {
+      const nlohmann::json& pending = computers[*computer];
       for (const char* list : kLists) {
-        if (pending.is_object() && pending.contains(list)) reply[list] = pending[list];
+        if (pending.is_object() && pending.contains(list) && pending[list].is_array()) {
+          reply[list] = pending[list];
+        }
       }
     }
-    for (const char* list : kLists) {
-      if (!reply.contains(list)) reply[list] = nlohmann::json::array();
-    }
+    Broker(state_).addPendingWork(*computer, reply);
     return reply;
   }
-  return std::nullopt;
+  if (operation == "MAC/SharedFiles.svc/IsFileExistsInCloud") {
+    std::optional<std::string> path = idOf(request, "StrFullPath");
+    if (!path) return refusal("StrFullPath is missing or not text");
+    makeFromScenario("cloud", *path);
+    bool exists = std::filesystem::exists(store_.pathOf("cloud/" + *path));
+    return nlohmann::json{{"ReturnStatus", "0"}, {"IsExists", exists ? "True" : "False"}};
+  }
+  // The others are about one transfer.
+  std::optional<std::string> transfer = idOf(request, "SharedFileTransferID");
+  if (!transfer) return refusal("SharedFileTransferID is missing or not text");
+  if (operation == "MAC/SharedFiles.svc/CheckFileExistsInTransfers") {
+    return nlohmann::json{{"ReturnStatus", "0"},
+                          {"ByteStartPos", std::to_string(store_.size("transfers/" + *transfer))}};
+  }
+  if (operation == "MAC/SharedFiles.svc/UpdateFileReceived" ||
+      operation == "MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer") {
+    received(*transfer);
+    return nlohmann::json{{"ReturnStatus", "0"}};
+  }
+  if (operation == "MAC/SharedFiles.svc/UpdateFileExists") {
+    state_["transfers"][*transfer]["exists"] = true;
+  } else {
+    state_["transfers"][*transfer]["sendReceived"] = true;
+    complete(*transfer);
+  }
+  return nlohmann::json{{"ReturnStatus", "0"}};
 }
 
 nlohmann::json ServerState::synchronised(const std::string& body) {

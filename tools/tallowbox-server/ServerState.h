@@ -7,38 +7,54 @@
 
 #include <nlohmann/json.hpp>
 
+#include "StateFile.h"
 #include "TransferStore.h"
 
-// What the reference server knows about its users' computers, as one JSON
-// document (a scenario):
+// What the reference server knows, as one JSON document. Its broker parts
+// (users, computers' product folders, mappings, shared folders, the file table,
+// transfers and deliveries) are described by Broker, which derives most of the
+// pending work of a computer from them. A scenario may also script the lists
+// of the pending-work reply directly:
 //   {"computers": {"<ComputerID>": {
 //       "OwnerComputers": [...],          owner computers sharing with this one
 //       "SharedfoldersWithStatus": [...], shared folders and their status
 //       "FileToTransfer": [...],          files this computer is to send
 //       "RecFileFromTransfer": [...]}}}   files this computer is to receive
-// Lists hold the objects exactly as the pending-work reply carries them. When the
-// state also names its users,
+// Scripted lists come first in the reply, exactly as given, the broker's after
+// them. When the state names its users,
 //   {"users": {"<UserID>": {"computers": ["<ComputerID>", ...]}}}
 // a pending-work query from a user for a computer that is not theirs is refused
 // ({"ReturnStatus": "1"}). Error reports sent to the server are kept in "errorLog".
+// A body of the wrong shape for an operation the state serves (not a JSON
+// object, an id that is missing or not text) is answered {"ReturnStatus": "1",
+// "error": why}; a change of the state that would give it the wrong shape is
+// refused whole.
+//
+// With a state file, the document is read from it at start and written to it,
+// atomically, after every change; with the store's folder, which keeps the
+// bytes, the server can be stopped or killed at any moment and go on where it
+// was.
 //
 // Files sent up are kept by the store: what a transfer holds so far (its
 // "SharedFileTransferID"), and the cloud's copies (by "\\<sending computer><full
 // path>"). "transfers" and "cloud" in the state say what each holds, with its
 // length and SHA-256 in snapshots. A transfer whose bytes are all there, or that
-// was reported sent and received, leaves every computer's "FileToTransfer".
-// Files to receive come from "saved": {"<SavedFileID>": {"text": "..."} or
-// {"size": n}}, and cloud copies from "cloud": {"<path>": {"text"|"size"}}, made
-// into the store when first asked for (bytes past "text" follow a fixed pattern). Once acknowledged
-// (UpdateFileReceived, DeleteReceivedFileFromTransfer) an entry leaves every
-// computer's "RecFileFromTransfer". {"faults": {"cutDownloadAfter": n}} drops the
-// next download after n bytes; {"faults": {"holdDownloadAfter": n}} makes every
-// download send n bytes and then wait, connection open, until the fault is lifted.
-// {"faults": {"cutUploadAfter": n}} makes the next upload keep n bytes and then
-// drop the connection; {"faults": {"holdUploadAnswers": true}} holds every
-// upload's answer, once its bytes are stored, until the fault is lifted.
-// "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of its array
-// in order, with status "0" and the change's "FileID" and "BaseSystemFileID".
+// was reported sent and received, or whose cloud copy is made, leaves every
+// computer's "FileToTransfer" and goes to the broker's subscribers.
+// Files to receive come from the broker's uploads (a "SavedFileID" that is the
+// id of one), from "saved": {"<SavedFileID>": {"text": "..."} or {"size": n}},
+// and cloud copies from "cloud": {"<path>": {"text"|"size"}}, made into the
+// store when first asked for (bytes past "text" follow a fixed pattern). Once
+// acknowledged (UpdateFileReceived, DeleteReceivedFileFromTransfer) an entry
+// leaves every computer's "RecFileFromTransfer". {"faults": {"cutDownloadAfter":
+// n}} drops the next download after n bytes; {"faults": {"holdDownloadAfter": n}}
+// makes every download send n bytes and then wait, connection open, until the
+// fault is lifted. {"faults": {"cutUploadAfter": n}} makes the next upload keep n
+// bytes and then drop the connection; {"faults": {"holdUploadAnswers": true}}
+// holds every upload's answer, once its bytes are stored, until the fault is
+// lifted. "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of
+// its array in order, with status "0" and the change's "FileID" and
+// "BaseSystemFileID".
 class ServerState {
  public:
   // The header values of a streamed upload, by name.
@@ -46,6 +62,10 @@ class ServerState {
 
   // Keeps uploaded bytes in `folder`.
   void openStore(const std::string& folder);
+  // Keeps the state in the file `path`: reads it when it exists (whether it did
+  // is returned), else writes the state there. Throws std::runtime_error when
+  // the file cannot be read or does not hold a state.
+  bool setStateFile(const std::string& path);
   const std::string& storeFolder() const { return store_.folder(); }
   // The answer to a streamed upload ("MAC/SharedFiles.svc/UpdateSendFileToTransfer"
   // or "MAC/SharedFiles.svc/UploadFileWithStream"), whose body `read` delivers; nullopt
@@ -56,7 +76,9 @@ class ServerState {
   // Throws nlohmann::json::exception when `scenario` is not a JSON object.
   void load(const std::string& scenario);
   // Applies a JSON merge patch (RFC 7396): keys set replace, null removes. Throws
-  // nlohmann::json::exception when `patch` is not an object.
+  // nlohmann::json::exception when `patch` is not an object, std::invalid_argument
+  // (saying why) when the state would get the wrong shape; the state is then
+  // unchanged.
   void merge(const nlohmann::json& patch);
   // The state, with the length and SHA-256 of every file the store holds (which
   // reads each of them whole).
@@ -85,6 +107,11 @@ class ServerState {
   std::optional<nlohmann::json> answer(const std::string& operation, const std::string& body);
 
  private:
+  // The answer to `operation` with the decoded `request`. Called with the mutex held.
+  std::optional<nlohmann::json> respond(const std::string& operation,
+                                        const nlohmann::json& request);
+  // Writes the state to its file when it has changed. Called with the mutex held.
+  void keep();
   // Whether `user` may ask for `computer`: always, unless the state names users.
   // Called with the mutex held.
   bool belongsToUser(const nlohmann::json& computer, const nlohmann::json& user) const;
@@ -107,7 +134,9 @@ class ServerState {
   std::uint64_t takeCut(const char* fault);
 
   TransferStore store_;
-  mutable std::mutex mutex_;  // guards the member below
+  mutable std::mutex mutex_;  // guards the members below
+  std::optional<StateFile> file_;
+  std::string written_;  // what the file holds
   nlohmann::json state_ = {{"computers", nlohmann::json::object()},
                            {"errorLog", nlohmann::json::array()}};
 };

@@ -1,6 +1,9 @@
 // tallowbox-server: the reference server on loopback, for the demo and benchmarks.
 //   tallowbox-server [--host H] [--port N (0: any free port)] [--scenario file.json]
 //                    [--store DIR (where uploaded bytes are kept)]
+//                    [--state FILE (where the state is kept, written after every change)]
+// A state file that exists is the state to go on from, and the scenario is then
+// not read; otherwise the scenario (if any) is the state to begin with.
 // Prints its base URL, then serves until SIGTERM or SIGINT.
 #include <pthread.h>
 
@@ -18,11 +21,13 @@ int main(int argc, char** argv) {
   int port = 8642;
   std::string scenario;
   std::string store;
+  std::string stateFile;
   for (int i = 1; i + 1 < argc; i += 2) {
     if (std::strcmp(argv[i], "--host") == 0) host = argv[i + 1];
     if (std::strcmp(argv[i], "--port") == 0) port = std::atoi(argv[i + 1]);
     if (std::strcmp(argv[i], "--scenario") == 0) scenario = argv[i + 1];
     if (std::strcmp(argv[i], "--store") == 0) store = argv[i + 1];
+    if (std::strcmp(argv[i], "--state") == 0) stateFile = argv[i + 1];
   }
   // Signals are taken by sigwait below, not by the server's threads.
   sigset_t signals;
@@ -33,7 +38,8 @@ int main(int argc, char** argv) {
 
   ReferenceServer server;
   try {
-    if (!scenario.empty()) {
+    const bool resumed = !stateFile.empty() && server.setStateFile(stateFile);
+    if (!scenario.empty() && !resumed) {
       std::ifstream file(scenario);
       if (!file) throw std::runtime_error("cannot read " + scenario);
       std::stringstream text;
