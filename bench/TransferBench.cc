@@ -88,14 +88,7 @@ int main() {
       "XDG_CONFIG_HOME=" + root.file("config"), "TMPDIR=" + root.path().string(),
       "TALLOWBOX_TEST_CYCLE_PERIOD_MS=100"};
   ChildProcess service({SERVICE_PROGRAM}, settings, root.file("service.log"));
-  const std::vector<std::string> call = {"dbus-send",
-                                         "--session",
-                                         "--print-reply",
-                                         "--dest=Quentara.SharedFilesXpcService",
-                                         "--type=method_call",
-                                         "/Quentara/SharedFilesXpcService",
-                                         "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
-  if (!waitUntil([&] { return ChildProcess::run(call, settings) == 0; })) {
+  if (!waitUntil([&] { return PrivateBus::callSharedFile(settings); })) {
     std::cerr << "the service did not answer on the bus\n";
     return 1;
   }

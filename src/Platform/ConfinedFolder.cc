@@ -14,6 +14,8 @@
 #include <system_error>
 #include <vector>
 
+#include "Platform/FileHandle.h"
+
 namespace {
 
 std::mutex gHookMutex;
@@ -79,17 +81,6 @@ Descriptor openFolder(int folder, const std::string& relative, const std::string
   return Descriptor(fd);
 }
 
-bool writeAll(int fd, const char* data, std::size_t length) {
-  while (length > 0) {
-    ssize_t n = ::write(fd, data, length);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    length -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 // The names in the folder open as `folder`, but "." and "..".
 std::vector<std::string> namesIn(int folder, const std::string& path) {
   DIR* listing = ::fdopendir(::dup(folder));
@@ -123,7 +114,7 @@ void copyFile(int source, int folder, const std::string& name, mode_t mode,
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw failure("cannot read", path);
     if (n == 0) break;
-    if (!writeAll(target.get(), buffer.data(), static_cast<std::size_t>(n))) {
+    if (!FileHandle::writeAll(target.get(), buffer.data(), static_cast<std::size_t>(n))) {
       throw failure("cannot write a copy of", path);
     }
   }

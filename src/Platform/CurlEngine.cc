@@ -10,6 +10,7 @@
 
 #include "Platform/CurlTransfer.h"
 #include "Platform/Environment.h"
+#include "Platform/FileHandle.h"
 #include "Platform/Log.h"
 #include "Platform/URLSession.h"
 
@@ -102,12 +103,8 @@ struct CurlCallbacks {
     CurlTransfer& transfer = *task->transfer_;
     size_t length = size * count;
     if (task->kind_ == URLSessionTask::Kind::kDownload) {
-      size_t done = 0;
-      while (done < length) {
-        ssize_t n = ::write(transfer.downloadFd, data + done, length - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return 0;  // ends the transfer with a write error
-        done += static_cast<size_t>(n);
+      if (!FileHandle::writeAll(transfer.downloadFd, data, length)) {
+        return 0;  // ends the transfer with a write error
       }
     } else if (task->completion_) {
       if (length > CurlEngine::kMaximumAnswerLength - transfer.received.size()) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 // An open file descriptor shared by every copy of a value that carries it. The
@@ -18,6 +19,10 @@ class FileHandle {
   // nullptr when the descriptor cannot be duplicated (not open, no descriptor
   // left).
   static std::shared_ptr<const FileHandle> duplicating(int descriptor);
+
+  // Writes all `length` bytes of `data` to `descriptor`, going on after an
+  // interrupted call; false (errno set) when a write fails or writes nothing.
+  static bool writeAll(int descriptor, const char* data, std::size_t length);
 
  private:
   int descriptor_;

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "Platform/Environment.h"
+#include "Platform/FileHandle.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
 
@@ -104,13 +105,8 @@ ReadResult readSuite(const std::string& path) {
 }
 
 void writeAll(int fd, const std::string& bytes, const std::string& path) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw systemError("Cannot write", path);
-    done += static_cast<std::size_t>(n);
-  }
+  if (!FileHandle::writeAll(fd, bytes.data(), bytes.size()))
+    throw systemError("Cannot write", path);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 
 #include "Platform/ValueError.h"
@@ -11,6 +12,17 @@ FileHandle::FileHandle(int descriptor) : descriptor_(descriptor) {}
 
 FileHandle::~FileHandle() {
   if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+bool FileHandle::writeAll(int descriptor, const char* data, std::size_t length) {
+  while (length > 0) {
+    ssize_t n = ::write(descriptor, data, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    length -= static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 std::shared_ptr<const FileHandle> FileHandle::duplicating(int descriptor) {

@@ -63,14 +63,7 @@ class ServiceProcessTest : public ::testing::Test {
   }
   // Calls SharedFile as the application does, once the service is on the bus.
   void sharedFile() {
-    const std::vector<std::string> call = {"dbus-send",
-                                           "--session",
-                                           "--print-reply",
-                                           "--dest=Quentara.SharedFilesXpcService",
-                                           "--type=method_call",
-                                           "/Quentara/SharedFilesXpcService",
-                                           "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
-    ASSERT_TRUE(waitUntil([&] { return ChildProcess::run(call, settings()) == 0; }))
+    ASSERT_TRUE(waitUntil([&] { return PrivateBus::callSharedFile(settings()); }))
         << "SharedFile was not answered";
   }
 

@@ -64,14 +64,7 @@ class Computer {
     service_ =
         std::make_unique<ChildProcess>(std::vector<std::string>{SERVICE_PROGRAM, "--log-stderr"},
                                        settings, (folder_ / "service.log").string());
-    const std::vector<std::string> call = {"dbus-send",
-                                           "--session",
-                                           "--print-reply",
-                                           "--dest=Quentara.SharedFilesXpcService",
-                                           "--type=method_call",
-                                           "/Quentara/SharedFilesXpcService",
-                                           "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
-    ASSERT_TRUE(waitUntil([&] { return ChildProcess::run(call, settings) == 0; }))
+    ASSERT_TRUE(waitUntil([&] { return PrivateBus::callSharedFile(settings); }))
         << "SharedFile was not answered";
   }
   bool running() { return service_ && service_->running(); }

@@ -293,14 +293,7 @@ TEST_F(LegacyServiceProcessTest, CurrentSystemServesTheBusAndMakesNoSocket) {
   current[1] = "DBUS_SESSION_BUS_ADDRESS=" + bus.address();
   service = std::make_unique<ChildProcess>(
       std::vector<std::string>{SERVICE_PROGRAM, "--log-stderr"}, current, root.file("service.log"));
-  const std::vector<std::string> call = {"dbus-send",
-                                         "--session",
-                                         "--print-reply",
-                                         "--dest=Quentara.SharedFilesXpcService",
-                                         "--type=method_call",
-                                         "/Quentara/SharedFilesXpcService",
-                                         "Quentara.SharedFilesXpcServiceProtocol.SharedFile"};
-  ASSERT_TRUE(waitUntil([&] { return ChildProcess::run(call, current) == 0; })) << log();
+  ASSERT_TRUE(waitUntil([&] { return PrivateBus::callSharedFile(current); })) << log();
   EXPECT_TRUE(waitUntil([&] { return queries() == 1; }));
   EXPECT_TRUE(fs::is_empty(root.path() / "run"));
 }

@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "support/ChildProcess.h"
+
 PrivateBus::PrivateBus(const std::string& configFolder, const std::string& servicesFolder) {
   const std::string config = configFolder + "/bus.conf";
   {
@@ -56,4 +58,12 @@ PrivateBus::~PrivateBus() {
 
 void PrivateBus::makeSessionBus() const {
   ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+}
+
+bool PrivateBus::callSharedFile(const std::vector<std::string>& settings) {
+  return ChildProcess::run(
+             {"dbus-send", "--session", "--print-reply", "--dest=Quentara.SharedFilesXpcService",
+              "--type=method_call", "/Quentara/SharedFilesXpcService",
+              "Quentara.SharedFilesXpcServiceProtocol.SharedFile"},
+             settings) == 0;
 }

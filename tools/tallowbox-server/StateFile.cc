@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "Platform/FileHandle.h"
+
 namespace {
 
 std::system_error failure(const std::string& what, const std::string& path) {
@@ -33,19 +35,7 @@ void StateFile::write(const std::string& text) const {
   const std::string temporary = path_ + ".writing";
   int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) throw failure("cannot write", temporary);
-  const char* data = text.data();
-  std::size_t left = text.size();
-  bool ok = true;
-  while (ok && left > 0) {
-    ssize_t n = ::write(fd, data, left);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) {
-      data += n;
-      left -= static_cast<std::size_t>(n);
-    }
-  }
-  ok = ok && ::fsync(fd) == 0;
+  bool ok = FileHandle::writeAll(fd, text.data(), text.size()) && ::fsync(fd) == 0;
   ::close(fd);
   if (!ok || ::rename(temporary.c_str(), path_.c_str()) != 0) {
     std::system_error error = failure("cannot write", path_);

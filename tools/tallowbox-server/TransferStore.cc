@@ -10,6 +10,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "Platform/FileHandle.h"
+
 namespace {
 
 std::string hex(const unsigned char* bytes, std::size_t length) {
@@ -22,17 +24,6 @@ std::string hex(const unsigned char* bytes, std::size_t length) {
   return text;
 }
 
-bool writeAll(int fd, const char* data, std::size_t length) {
-  while (length > 0) {
-    ssize_t n = ::write(fd, data, length);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    length -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 // Streams what `read` delivers into `fd`, at most `limit` bytes; whether the
 // body ended within the limit and every byte was written.
 bool pour(int fd, const TransferStore::Reader& read, std::uint64_t limit) {
@@ -40,7 +31,7 @@ bool pour(int fd, const TransferStore::Reader& read, std::uint64_t limit) {
   bool ok = true;
   bool whole = read([&](const char* data, std::size_t length) {
     std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(length, limit - kept));
-    ok = ok && writeAll(fd, data, take);
+    ok = ok && FileHandle::writeAll(fd, data, take);
     kept += take;
     return ok && take == length;
   });
