@@ -1,5 +1,5 @@
-# The commands: `make demo` (install what is missing, build, and tell the story of
-# one shared folder), `make test` (build and run every test) and `make build`.
+# The commands: `make demo` (install what is missing, build, and show a file going
+# from one computer to another), `make test` (build and run every test) and `make build`.
 # See README.md.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan

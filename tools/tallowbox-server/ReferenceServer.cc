@@ -155,10 +155,11 @@ void ReferenceServer::serve(const ServerState::Download& download, httplib::Resp
   auto file = std::make_shared<std::ifstream>(download.path, std::ios::binary);
   const std::uint64_t cut = download.cutAfter;
   const std::uint64_t hold = download.holdAfter;
+  const std::uint64_t pace = download.bytesPerSecond;
   response.set_content_provider(
       static_cast<std::size_t>(length), "application/octet-stream",
-      [this, file, from, cut, hold](std::size_t offset, std::size_t wanted,
-                                    httplib::DataSink& sink) {
+      [this, file, from, cut, hold, pace](std::size_t offset, std::size_t wanted,
+                                          httplib::DataSink& sink) {
         if (offset >= cut) return false;  // drops the connection
         while (offset >= hold && !state_.fault("holdDownloadAfter").is_null()) {
           if (!pause(std::chrono::milliseconds(20))) return false;
@@ -170,7 +171,9 @@ void ReferenceServer::serve(const ServerState::Download& download, httplib::Resp
         file->seekg(static_cast<std::streamoff>(from + offset));
         file->read(piece.data(), static_cast<std::streamsize>(piece.size()));
         if (file->gcount() <= 0) return false;
-        return sink.write(piece.data(), static_cast<std::size_t>(file->gcount()));
+        const auto sent = static_cast<std::size_t>(file->gcount());
+        if (!sink.write(piece.data(), sent)) return false;
+        return pace == 0 || pause(std::chrono::milliseconds(sent * 1000 / pace));
       });
 }
 

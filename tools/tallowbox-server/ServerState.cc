@@ -184,6 +184,8 @@ std::optional<ServerState::Download> ServerState::download(const std::string& op
   if (faults.is_object()) {
     download.holdAfter =
         byteCount(faults.value("holdDownloadAfter", nlohmann::json())).value_or(UINT64_MAX);
+    download.bytesPerSecond =
+        byteCount(faults.value("downloadBytesPerSecond", nlohmann::json())).value_or(0);
   }
   if (!key.is_string()) return download;
   std::string name = (fromComputer ? "saved/" : "cloud/") + key.get<std::string>();

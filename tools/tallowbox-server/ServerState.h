@@ -52,7 +52,9 @@
 // fault is lifted. {"faults": {"cutUploadAfter": n}} makes the next upload keep n
 // bytes and then drop the connection; {"faults": {"holdUploadAnswers": true}}
 // holds every upload's answer, once its bytes are stored, until the fault is
-// lifted. "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of
+// lifted. {"faults": {"downloadBytesPerSecond": n}} paces every download to n
+// bytes a second, as a slow network would, so that a download can be watched
+// while it moves. "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of
 // its array in order, with status "0" and the change's "FileID" and
 // "BaseSystemFileID".
 class ServerState {
@@ -97,6 +99,8 @@ class ServerState {
     std::uint64_t cutAfter = UINT64_MAX;
     // Bytes sent before the download waits for "holdDownloadAfter" to be lifted.
     std::uint64_t holdAfter = UINT64_MAX;
+    // At most this many bytes a second (0: as fast as the connection takes them).
+    std::uint64_t bytesPerSecond = 0;
   };
   // The bytes asked for by "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer" (the
   // saved file "SavedFileID", from "Length") or "MAC/SharedFiles.svc/GetFileStreamFromCloud"
