@@ -177,6 +177,86 @@ TEST_F(BrokerTest, ChangesOfASharedFolderReachEverySubscriberInOrderAndCloseOnIt
   EXPECT_EQ(ben["RecFileFromTransfer"], json::array());
 }
 
+TEST_F(BrokerTest, FileRenamedOrDeletedBeforeItsUploadEndsNeverReachesSubscribersOutOfOrder) {
+  auto file = [](const char* id, const char* path) {
+    return json{{"ComputerID", "C1"}, {"FileID", id},     {"ChangeType", "1"},
+                {"IsFile", "True"},   {"FullPath", path}, {"PrevFolderFileID", "10"}};
+  };
+  report({{"ComputerID", "C1"},
+          {"FileID", "10"},
+          {"ChangeType", "1"},
+          {"IsFile", "False"},
+          {"FullPath", "Docs"},
+          {"PrevFolderFileID", "0"}});
+  acknowledge("UpdateFileReceived", "1");  // Ben has the folder
+  ASSERT_EQ(report(file("11", "Docs/a.bin"))["SharedFileTransferID"], "3");
+  ASSERT_EQ(report(file("12", "Docs/b.bin"))["SharedFileTransferID"], "4");
+
+  // a.bin is renamed and b.bin deleted while neither upload has begun.
+  EXPECT_EQ(report({{"ComputerID", "C1"},
+                    {"FileID", "11"},
+                    {"ChangeType", "2"},
+                    {"OldFullPath", "Docs/a.bin"},
+                    {"FullPath", "Docs/c.bin"}}),
+            kOk);
+  EXPECT_EQ(report({{"ComputerID", "C1"},
+                    {"FileID", "12"},
+                    {"ChangeType", "3"},
+                    {"FullPath", "Docs/b.bin"},
+                    {"IsFile", "True"}}),
+            kOk);
+  EXPECT_EQ(pending("C2")["RecFileFromTransfer"], json::array())
+      << "Ben never had them: no rename or delete he could not apply";
+  json send = pending("C1")["FileToTransfer"];
+  ASSERT_EQ(send.size(), 1U);
+  EXPECT_EQ(send[0]["SharedFileTransferID"], "5") << "a.bin asked for again, b.bin not at all";
+  EXPECT_EQ(send[0]["OwnerFileID"], "11");
+  EXPECT_EQ(send[0]["FullPath"], "\\Docs\\c.bin");
+
+  EXPECT_EQ(upload(kSend, {{"SharedFileTransferID", "5"}, {"Length", "2"}}, "c!"), kOk);
+  json arrived = pending("C2")["RecFileFromTransfer"];
+  ASSERT_EQ(arrived.size(), 1U);
+  EXPECT_EQ(arrived[0]["ChangeType"], "1");
+  EXPECT_EQ(arrived[0]["FullPath"], "\\Docs\\c.bin");
+  EXPECT_EQ(arrived[0]["SavedFileID"], "5");
+
+  // Once Ben was sent c.bin, its rename follows it.
+  report({{"ComputerID", "C1"},
+          {"FileID", "11"},
+          {"ChangeType", "2"},
+          {"OldFullPath", "Docs/c.bin"},
+          {"FullPath", "Docs/d.bin"}});
+  EXPECT_EQ(pending("C2")["RecFileFromTransfer"][0]["SharedFileTransferID"],
+            arrived[0]["SharedFileTransferID"]);
+  acknowledge("DeleteReceivedFileFromTransfer", arrived[0]["SharedFileTransferID"]);
+  json renamed = pending("C2")["RecFileFromTransfer"];
+  ASSERT_EQ(renamed.size(), 1U);
+  EXPECT_EQ(renamed[0]["ChangeType"], "2");
+  EXPECT_EQ(renamed[0]["NewFullPath"], "\\Docs\\d.bin");
+}
+
+TEST_F(BrokerTest, UploadItsOwnerNeverMakesHoldsUpNoOtherUpload) {
+  for (const char* id : {"11", "12"}) {
+    report({{"ComputerID", "C1"},
+            {"FileID", id},
+            {"ChangeType", "1"},
+            {"IsFile", "True"},
+            {"FullPath", std::string("Docs/") + id + ".bin"},
+            {"PrevFolderFileID", "10"}});
+  }
+  // Transfer 1 (11.bin) is never uploaded: the file is gone from Ann's list.
+  EXPECT_EQ(pending("C1")["FileToTransfer"][0]["SharedFileTransferID"], "1");
+  EXPECT_EQ(pending("C1")["FileToTransfer"][0]["SharedFileTransferID"], "2");
+  EXPECT_EQ(pending("C1")["FileToTransfer"][0]["SharedFileTransferID"], "1");
+  EXPECT_EQ(upload(kSend, {{"SharedFileTransferID", "2"}, {"Length", "3"}}, "two"), kOk);
+  EXPECT_EQ(pending("C2")["RecFileFromTransfer"][0]["OwnerFileID"], "12");
+  for (int reply = 0; reply < 3; ++reply) {
+    json send = pending("C1")["FileToTransfer"];
+    ASSERT_EQ(send.size(), 1U);
+    EXPECT_EQ(send[0]["SharedFileTransferID"], "1") << "still asked for";
+  }
+}
+
 TEST_F(BrokerTest, FileOfACloudFolderGoesUpToTheCloudAndSubscribersFetchItFromThere) {
   state.merge(json::parse(R"({"sharedFolders": {"10": {"ToCloud": "1"}}})"));
   json accepted = report({{"ComputerID", "C1"},

@@ -28,14 +28,15 @@ std::string textOf(const json& value) {
 
 // The keys of `object` in the order of their numbers (ids are decimal text),
 // other keys after them.
+bool isBefore(const std::string& a, const std::string& b) {
+  return a.size() != b.size() ? a.size() < b.size() : a < b;
+}
 std::vector<std::string> ordered(const json& object) {
   std::vector<std::string> keys;
   if (object.is_object()) {
     for (const auto& [key, value] : object.items()) keys.push_back(key);
   }
-  std::sort(keys.begin(), keys.end(), [](const std::string& a, const std::string& b) {
-    return a.size() != b.size() ? a.size() < b.size() : a < b;
-  });
+  std::sort(keys.begin(), keys.end(), isBefore);
   return keys;
 }
 
@@ -201,6 +202,9 @@ json Broker::report(const json& change) {
                          : "False")
                   : textOf(at(reported, "IsFile"));
   const std::string old = known ? textOf(at(reported, "Path")) : *path;
+  // Whether subscribers were sent the item (a folder when it was reported, a
+  // file once its upload was whole).
+  const bool delivered = textOf(at(reported, "Delivered")) == "1";
   json record = {{"ChangeType", type},
                  {"IsFile", isFile},
                  {"IsOwnerToSubscriber", "1"},
@@ -220,48 +224,37 @@ json Broker::report(const json& change) {
   if (!table.is_object()) table = json::object();
   if (type == "1") {
     table[file] = {{"Path", *path}, {"IsFile", isFile}, {"Parent", parent}};
+    if (delivered || isFile == "False") table[file]["Delivered"] = "1";
     record["FullPath"] = record["FullPathFromFileTable"] = *path;
     if (isFile == "False") {
       deliver(computer, *folder, record);
       return {{"ReturnStatus", "0"}};
     }
     replaceSending(computer, file);
-    const std::string id = nextID();
-    const bool cloud = textOf(at(at(at(state_, "sharedFolders"), *folder), "ToCloud")) == "1";
-    json upload = {
-        {"SharedFileTransferID", id},
-        {"ChangeType", "1"},
-        {"IsFile", "True"},
-        {"IsOwnerToSubscriber", "1"},
-        {"OwnerFileID", file},
-        {"PrevFolderFileID", record["PrevFolderFileID"]},
-        {"UserComputerID", ""},
-        {"FromComputerID", computer},
-        // A cloud copy is the owner's own; an upload for subscribers is kept by
-        // the server, "0", for all of them.
-        {"ToComputerID", cloud ? computer : "0"},
-        {"ToCloud", cloud ? "1" : "0"},
-        {"FromCloud", "0"},
-        {"FullPath", *path},
-        {"FullPathfromFileTable", *path},
-        {"NewFullPath", ""},
-        {"TallowboxPath", textOf(at(at(at(state_, "computers"), computer), "TallowboxPath"))},
-        {"XMLFileID", ""}};
-    part("transfers")[id] = {{"Owner", computer},
-                             {"OwnerFileID", file},
-                             {"SharedFolder", *folder},
-                             {"State", "sending"},
-                             {"Record", upload}};
+    const std::string id = schedule(computer, file, *folder, textOf(record["PrevFolderFileID"]));
     return {{"ReturnStatus", "0"}, {"SharedFileTransferID", id}};
   }
   const std::string inside = old + "\\";
   if (type == "2") {
-    // A folder's items move with it.
+    // A folder's items move with it. An upload still on its way is asked for
+    // again under its new path, so that what subscribers are sent, and the
+    // cloud's copy, carry the name the item has now.
+    std::vector<std::string> moved = {file};
     for (auto& [id, item] : table.items()) {
       std::string itemPath = item["Path"].get<std::string>();
-      if (itemPath.rfind(inside, 0) == 0) item["Path"] = *path + itemPath.substr(old.size());
+      if (itemPath.rfind(inside, 0) == 0) {
+        item["Path"] = *path + itemPath.substr(old.size());
+        moved.push_back(id);
+      }
     }
     table[file]["Path"] = *path;
+    for (const std::string& id : moved) {
+      for (const std::string& transfer : replaceSending(computer, id)) {
+        schedule(
+            computer, id, textOf(at(at(at(state_, "transfers"), transfer), "SharedFolder")),
+            textOf(at(at(at(at(state_, "transfers"), transfer), "Record"), "PrevFolderFileID")));
+      }
+    }
     record["NewFullPath"] = *path;
   } else {
     std::vector<std::string> gone = {file};
@@ -273,8 +266,42 @@ json Broker::report(const json& change) {
       replaceSending(computer, id);
     }
   }
-  deliver(computer, *folder, record);
+  // Subscribers that were never sent the item are not told of its move or its
+  // end: its upload, asked for again above or replaced, reaches them under its
+  // new path or not at all, and nothing arrives out of order.
+  if (delivered) deliver(computer, *folder, record);
   return {{"ReturnStatus", "0"}};
+}
+
+std::string Broker::schedule(const std::string& owner, const std::string& file,
+                             const std::string& folder, const std::string& previousFolder) {
+  const std::string path = textOf(at(at(at(at(state_, "files"), owner), file), "Path"));
+  std::string id = nextID();
+  const bool cloud = textOf(at(at(at(state_, "sharedFolders"), folder), "ToCloud")) == "1";
+  json upload = {{"SharedFileTransferID", id},
+                 {"ChangeType", "1"},
+                 {"IsFile", "True"},
+                 {"IsOwnerToSubscriber", "1"},
+                 {"OwnerFileID", file},
+                 {"PrevFolderFileID", previousFolder},
+                 {"UserComputerID", ""},
+                 {"FromComputerID", owner},
+                 // A cloud copy is the owner's own; an upload for subscribers is kept by
+                 // the server, "0", for all of them.
+                 {"ToComputerID", cloud ? owner : "0"},
+                 {"ToCloud", cloud ? "1" : "0"},
+                 {"FromCloud", "0"},
+                 {"FullPath", path},
+                 {"FullPathfromFileTable", path},
+                 {"NewFullPath", ""},
+                 {"TallowboxPath", textOf(at(at(at(state_, "computers"), owner), "TallowboxPath"))},
+                 {"XMLFileID", ""}};
+  part("transfers")[id] = {{"Owner", owner},
+                           {"OwnerFileID", file},
+                           {"SharedFolder", folder},
+                           {"State", "sending"},
+                           {"Record", upload}};
+  return id;
 }
 
 std::optional<std::string> Broker::sharedFolderOf(const std::string& computer,
@@ -313,13 +340,16 @@ void Broker::deliver(const std::string& owner, const std::string& folder, const 
   }
 }
 
-void Broker::replaceSending(const std::string& owner, const std::string& file) {
+std::vector<std::string> Broker::replaceSending(const std::string& owner, const std::string& file) {
+  std::vector<std::string> replaced;
   for (auto& [id, transfer] : part("transfers").items()) {
     if (at(transfer, "Owner") == owner && at(transfer, "OwnerFileID") == file &&
         at(transfer, "State") == "sending") {
       transfer["State"] = "replaced";
+      replaced.push_back(id);
     }
   }
+  return replaced;
 }
 
 void Broker::sent(const std::string& transfer) {
@@ -330,8 +360,9 @@ void Broker::sent(const std::string& transfer) {
   entry["State"] = "sent";
   const std::string owner = entry["Owner"].get<std::string>();
   const std::string file = entry["OwnerFileID"].get<std::string>();
-  const json& item = at(at(at(state_, "files"), owner), file);
-  if (item.is_null()) return;  // deleted while it went up: its delete went out already
+  if (at(at(at(state_, "files"), owner), file).is_null()) return;  // deleted while it went up
+  json& item = state_["files"][owner][file];
+  item["Delivered"] = "1";
   const json& upload = at(entry, "Record");
   const bool cloud = at(upload, "ToCloud") == "1";
   const std::string folder = entry["SharedFolder"].get<std::string>();
@@ -374,7 +405,8 @@ bool Broker::isOn(const std::string& mapping, const std::string& folder) const {
          at(at(at(state_, "sharedFolders"), folder), "SharedStatus") == "1";
 }
 
-void Broker::addPendingWork(const std::string& computer, json& reply) const {
+void Broker::addPendingWork(const std::string& computer, json& reply,
+                            std::string& lastUpload) const {
   const json& mappings = at(state_, "mappings");
   std::set<std::string> owners;
   for (const std::string& id : ordered(mappings)) {
@@ -396,14 +428,22 @@ void Broker::addPendingWork(const std::string& computer, json& reply) const {
     }
   }
   // One of each at a time: the service's passes handle one upload and one
-  // download at a time, and changes must arrive in their order.
+  // download at a time. Uploads are asked for in turn, so that one its owner
+  // cannot make (the file is gone from its list) holds up no other; deliveries
+  // go strictly in order, as changes must arrive in the order they were made.
   const json& transfers = at(state_, "transfers");
+  std::vector<std::string> sending;
   for (const std::string& id : ordered(transfers)) {
     const json& transfer = at(transfers, id);
     if (at(transfer, "Owner") == computer && at(transfer, "State") == "sending") {
-      reply["FileToTransfer"].push_back(at(transfer, "Record"));
-      break;
+      sending.push_back(id);
     }
+  }
+  if (!sending.empty()) {
+    auto next = std::find_if(sending.begin(), sending.end(),
+                             [&](const std::string& id) { return isBefore(lastUpload, id); });
+    lastUpload = next == sending.end() ? sending.front() : *next;
+    reply["FileToTransfer"].push_back(at(at(transfers, lastUpload), "Record"));
   }
   const json& deliveries = at(state_, "deliveries");
   for (const std::string& id : ordered(deliveries)) {

@@ -22,7 +22,8 @@
 //                                                "ToCloud" "1" its files go through
 //                                                the cloud
 //   "files":         {"<ComputerID>": {"<FileID>": {"Path": "\\Docs\\a.bin",
-//                     "IsFile": "True", "Parent": "<FileID> or 0"}}}  file table
+//                     "IsFile": "True", "Parent": "<FileID> or 0",
+//                     "Delivered": "1" once subscribers were sent it}}}  file table
 //   "transfers":     {"<id>": {"Owner": "<ComputerID>", "OwnerFileID": "<FileID>",
 //                     "State": "sending" | "sent" | "replaced",
 //                     "Record": {the FileToTransfer the owner is sent}}}
@@ -33,10 +34,12 @@
 //
 // A change of a file (ChangeType 1) becomes a transfer for its owner's computer
 // to upload; once the upload is whole, one delivery per mapping of the owner.
-// Folders, renames (2) and deletes (3) become deliveries at once. A computer is
-// given its oldest transfer still sending and its oldest delivery still waiting
-// whose mapping and shared folder are on, one of each per reply, so that every
-// change arrives in the order it was reported.
+// Folders, renames (2) and deletes (3) become deliveries at once, when
+// subscribers were sent the item; a file renamed while its upload is on its way
+// is asked for again under its new name, and one deleted then is not sent. A
+// computer is given its transfers still sending in turn, and its oldest delivery
+// still waiting whose mapping and shared folder are on, one of each per reply,
+// so that every change arrives in the order it was reported.
 //
 // A Broker is a view of the document it is given: it keeps nothing itself, and
 // its caller serialises every use of the document.
@@ -58,8 +61,10 @@ class Broker {
   nlohmann::json report(const nlohmann::json& change);
 
   // Adds what the broker has for `computer` to the four lists of `reply` (a
-  // pending-work reply whose lists are arrays).
-  void addPendingWork(const std::string& computer, nlohmann::json& reply) const;
+  // pending-work reply whose lists are arrays). `lastUpload` is the upload the
+  // computer was asked for last ("" for none); it becomes the one asked for now.
+  void addPendingWork(const std::string& computer, nlohmann::json& reply,
+                      std::string& lastUpload) const;
 
   // The upload of `transfer` is whole: lists it for every subscriber. Nothing
   // for a transfer that is not the broker's or not sending.
@@ -83,8 +88,14 @@ class Broker {
                                             std::string parent) const;
   // Adds a delivery of `record` for every subscriber of `owner`'s folder `folder`.
   void deliver(const std::string& owner, const std::string& folder, const nlohmann::json& record);
-  // Marks the transfers of `file` of `owner` still sending as replaced.
-  void replaceSending(const std::string& owner, const std::string& file);
+  // Marks the transfers of `file` of `owner` still sending as replaced; returns
+  // their ids.
+  std::vector<std::string> replaceSending(const std::string& owner, const std::string& file);
+  // Makes a transfer for `owner` to upload its file `file` (in the file table,
+  // in its shared folder `folder`, inside the folder `previousFolder` or "0");
+  // returns its id.
+  std::string schedule(const std::string& owner, const std::string& file, const std::string& folder,
+                       const std::string& previousFolder);
   // Whether the mapping `mapping` and the shared folder `folder` are both on.
   bool isOn(const std::string& mapping, const std::string& folder) const;
 

@@ -318,7 +318,7 @@ std::optional<nlohmann::json> ServerState::respond(const std::string& operation,
         }
       }
     }
-    Broker(state_).addPendingWork(*computer, reply);
+    Broker(state_).addPendingWork(*computer, reply, lastUpload_[*computer]);
     return reply;
   }
   if (operation == "MAC/SharedFiles.svc/IsFileExistsInCloud") {

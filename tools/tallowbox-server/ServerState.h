@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -141,6 +142,8 @@ class ServerState {
   mutable std::mutex mutex_;  // guards the members below
   std::optional<StateFile> file_;
   std::string written_;  // what the file holds
+  // By computer: the upload it was asked for last, so that each is asked for in turn.
+  std::map<std::string, std::string> lastUpload_;
   nlohmann::json state_ = {{"computers", nlohmann::json::object()},
                            {"errorLog", nlohmann::json::array()}};
 };
