@@ -113,50 +113,36 @@ struct Operation {
   bool streams = false;
 };
 
+// Starts an operation that takes the one record as it is.
+template <auto start>
+void withRecord(const Records& records, const Report& report) {
+  start(records.front(), report);
+}
+
 const std::array<Operation, 39> kOperations = {{
     {"UserRegistration", &QueryParser::parseUserRegistrationQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUserRegistration(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUserRegistration<CatalogueQuery>>},
     {"RegisterComputer", &QueryParser::parseRegisterComputerQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncRegisterComputer(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncRegisterComputer<CatalogueQuery>>},
     {"SendActivationMail", &QueryParser::parseSendActivationMailQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncSendActivationMail(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncSendActivationMail<CatalogueQuery>>},
     {"OneTimeSyncOwnersSharedFolders",
      &QueryParser::parseOneTimeSyncOwnersSharedFoldersQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncOneTimeSyncOwnersSharedFolders(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncOneTimeSyncOwnersSharedFolders<CatalogueQuery>>},
     {"TransferFilesFromCloudToBaseSystem",
      &QueryParser::parseTransferFilesFromColudToBaseSystemQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncTransferFilesFromCloudToBaseSystem(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncTransferFilesFromCloudToBaseSystem<CatalogueQuery>>},
     {"GetTopFileUpload", &QueryParser::parseGetTopFileUploadQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncGetTopFileUpload(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncGetTopFileUpload<CatalogueQuery>>},
     {"CheckUserMailActivationStatus",
      &QueryParser::parseCheckUserMailActivationStatusQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncCheckUserMailActivationStatus(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncCheckUserMailActivationStatus<CatalogueQuery>>},
     {"UpdateFileUpload", &QueryParser::parseUpdateFileUploadQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateFileUpload(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateFileUpload<CatalogueQuery>>},
     {"GetTopFileRequest", &QueryParser::parsegetTopFileRequestQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncGetTopFileRequest(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncGetTopFileRequest<CatalogueQuery>>},
     {"UpdateFileRequest", &QueryParser::parseUpdateFileRequestQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateFileRequest(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateFileRequest<CatalogueQuery>>},
     {"SyncFilesInTableAndCloud",
      [](const CatalogueQuery& change) {
        return QueryParser::parseSyncFilesInTableAndCloudQuery(Records{change})["syncData"][0];
@@ -165,17 +151,11 @@ const std::array<Operation, 39> kOperations = {{
        RestInterface::asyncSyncFilesInTableAndCloud(changes, report);
      }},
     {"UpdateComputerStatus", &QueryParser::parseUpdateComputerStatusQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateComputerStatus(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateComputerStatus<CatalogueQuery>>},
     {"OneTimeSyncFiles", &QueryParser::parseOneTimeSyncFilesQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncOneTimeSyncFiles(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncOneTimeSyncFiles<CatalogueQuery>>},
     {"SendPasswordToMailId", &QueryParser::parseSendPasswordToMailIdQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncSendPasswordToMailId(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncSendPasswordToMailId<CatalogueQuery>>},
     {"GetTopFileUploadWithStream", &QueryParser::parseGetTopFileUploadQuery<CatalogueQuery>,
      [](const Records& r, const Report& report) {
        RestInterface::asyncGetTopFileUploadWithStream(r.front(), report);
@@ -213,13 +193,9 @@ const std::array<Operation, 39> kOperations = {{
            {.SharedFileTransferID = r.front().SharedFileTransferID}, report);
      }},
     {"UploadFileWithStream", &QueryParser::parseUploadWithStreamQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUploadFileWithStream(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUploadFileWithStream<CatalogueQuery>>},
     {"updateSendFileToTransfer", &QueryParser::parseUpdateSendFileToTransferQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncupdateSendFileToTransfer(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncupdateSendFileToTransfer<CatalogueQuery>>},
     {"IsFileExistsInCloud", &QueryParser::parseIsFileExistsInCloudQuery<CatalogueQuery>,
      [](const Records& r, const Report& report) {
        RestInterface::asyncIsFileExistsInCloud({.strFullPath = r.front().strFullPath}, report);
@@ -241,28 +217,18 @@ const std::array<Operation, 39> kOperations = {{
            report);
      }},
     {"InsertFile", &QueryParser::parseInsertFileQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncInsertFile(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncInsertFile<CatalogueQuery>>},
     {"InsertSharedFilesTransfer", &QueryParser::parseInsertSharedFilesTransferQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncInsertSharedFilesTransfer(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncInsertSharedFilesTransfer<CatalogueQuery>>},
     {"updateBSUploadStreamStart",
      &QueryParser::parseUpdateBSUploadStreamStartedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncupdateBSUploadStreamStart(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncupdateBSUploadStreamStart<CatalogueQuery>>},
     {"CheckFileExistsInDownloads",
      &QueryParser::parseCheckFileExistsInDownloadsQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncCheckFileExistsInDownloads(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncCheckFileExistsInDownloads<CatalogueQuery>>},
     {"UpdateBSUploadStreamFailed",
      &QueryParser::parseUpdateBSUploadStreamFailedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateBSUploadStreamFailed(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateBSUploadStreamFailed<CatalogueQuery>>},
     {"CheckFileExistsInTransfers",
      &QueryParser::parseCheckFileExistsInTransfersQuery<CatalogueQuery>,
      [](const Records& r, const Report& report) {
@@ -272,41 +238,25 @@ const std::array<Operation, 39> kOperations = {{
            report);
      }},
     {"UpdateBSSendStreamStarted", &QueryParser::parseUpdateBSSendStreamStartedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateBSSendStreamStarted(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateBSSendStreamStarted<CatalogueQuery>>},
     {"UpdateBSSendStreamFailed", &QueryParser::parseUpdateBSSendStreamFailedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateBSSendStreamFailed(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateBSSendStreamFailed<CatalogueQuery>>},
     {"UpdateBSReceiveStreamStart",
      &QueryParser::parseUpdateBSReceiveStreamStartedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateBSReceiveStreamStart(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateBSReceiveStreamStart<CatalogueQuery>>},
     {"UpdateBSReceiveStreamfailed",
      &QueryParser::parseUpdateBSReceiveStreamFailedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateBSReceiveStreamfailed(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateBSReceiveStreamfailed<CatalogueQuery>>},
     {"updateBSDownloadStreamStart",
      &QueryParser::parseUpdateBSDownloadStreamStartedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncupdateBSDownloadStreamStart(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncupdateBSDownloadStreamStart<CatalogueQuery>>},
     {"updateBSDownloadStreamFailed",
      &QueryParser::parseUpdateBSDownloadStreamFailedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncupdateBSDownloadStreamFailed(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncupdateBSDownloadStreamFailed<CatalogueQuery>>},
     {"GetTopFileDeleteRequest", &QueryParser::parseGetTopFileDeleteRequestQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncGetTopFileDeleteRequest(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncGetTopFileDeleteRequest<CatalogueQuery>>},
     {"UpdateBSFileDeleted", &QueryParser::parseUpdateBSFileDeletedQuery<CatalogueQuery>,
-     [](const Records& r, const Report& report) {
-       RestInterface::asyncUpdateBSFileDeleted(r.front(), report);
-     }},
+     &withRecord<&RestInterface::asyncUpdateBSFileDeleted<CatalogueQuery>>},
 }};
 
 // Request fields that cannot be used; the message says why.
