@@ -8,27 +8,14 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <system_error>
+#include <utility>
 #include <vector>
 
-#include "Platform/FileHandle.h"
+#include "Platform/FileSystemFaults.h"
 
 namespace {
-
-std::mutex gHookMutex;
-std::function<void(const std::string&)> gResolvedHook;  // guarded by gHookMutex
-
-void resolved(const std::string& path) {
-  std::function<void(const std::string&)> hook;
-  {
-    std::lock_guard lock(gHookMutex);
-    hook = gResolvedHook;
-  }
-  if (hook) hook(path);
-}
 
 std::system_error failure(const std::string& what, const std::string& path) {
   return {errno, std::generic_category(), what + " " + path};
@@ -49,6 +36,7 @@ class Descriptor {
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
 
  private:
   int fd_;
@@ -102,11 +90,12 @@ std::string below(const std::string& path, const std::string& name) {
   return child;
 }
 
-// Copies the regular file open as `source` into the new file `name` of `folder`.
+// Copies the regular file open as `source` into the new file `name` of `folder`,
+// which is given `mode` once whole.
 void copyFile(int source, int folder, const std::string& name, mode_t mode,
               const std::string& path) {
-  Descriptor target(::openat(folder, name.c_str(),
-                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 07777));
+  Descriptor target(FileSystemFaults::openat(
+      folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (target.get() < 0) throw failure("cannot create a copy of", path);
   std::vector<char> buffer(1 << 16);
   for (;;) {
@@ -114,11 +103,12 @@ void copyFile(int source, int folder, const std::string& name, mode_t mode,
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw failure("cannot read", path);
     if (n == 0) break;
-    if (!FileHandle::writeAll(target.get(), buffer.data(), static_cast<std::size_t>(n))) {
+    if (!FileSystemFaults::writeAll(target.get(), buffer.data(), static_cast<std::size_t>(n))) {
       throw failure("cannot write a copy of", path);
     }
   }
-  if (::fsync(target.get()) != 0) throw failure("cannot flush a copy of", path);
+  if (::fchmod(target.get(), mode & 07777) != 0) throw failure("cannot copy the mode of", path);
+  if (FileSystemFaults::fsync(target.get()) != 0) throw failure("cannot flush a copy of", path);
 }
 
 // Copies `name` of `from` to the new `copy` of `to`: folders with all they hold,
@@ -130,10 +120,13 @@ void copyTree(int from, const std::string& name, int to, const std::string& copy
     throw failure("cannot look at", path);
   }
   if (S_ISDIR(st.st_mode)) {
-    if (::mkdirat(to, copy.c_str(), st.st_mode & 07777) != 0) throw failure("cannot copy", path);
-    Descriptor source(
-        ::openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    Descriptor target(::openat(to, copy.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (FileSystemFaults::mkdirat(to, copy.c_str(), st.st_mode & 07777) != 0) {
+      throw failure("cannot copy", path);
+    }
+    Descriptor source(FileSystemFaults::openat(from, name.c_str(),
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Descriptor target(FileSystemFaults::openat(to, copy.c_str(),
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (source.get() < 0 || target.get() < 0) throw failure("cannot copy", path);
     for (const std::string& item : namesIn(source.get(), path)) {
       copyTree(source.get(), item, target.get(), item, below(path, item));
@@ -152,8 +145,8 @@ void copyTree(int from, const std::string& name, int to, const std::string& copy
     errno = ENOTSUP;
     throw failure("cannot copy what is neither a file nor a folder:", path);
   }
-  Descriptor source(
-      ::openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  Descriptor source(FileSystemFaults::openat(
+      from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (source.get() < 0) throw failure("cannot open", path);
   copyFile(source.get(), to, copy, st.st_mode, path);
 }
@@ -166,18 +159,18 @@ void removeTree(int folder, const std::string& name, const std::string& path) {
     throw failure("cannot look at", path);
   }
   if (S_ISDIR(st.st_mode)) {
-    Descriptor inside(
-        ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Descriptor inside(FileSystemFaults::openat(folder, name.c_str(),
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (inside.get() < 0) throw failure("cannot open", path);
     for (const std::string& item : namesIn(inside.get(), path)) {
       removeTree(inside.get(), item, below(path, item));
     }
-    if (::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+    if (FileSystemFaults::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
       throw failure("cannot remove", path);
     }
     return;
   }
-  if (::unlinkat(folder, name.c_str(), 0) != 0 && errno != ENOENT) {
+  if (FileSystemFaults::unlinkat(folder, name.c_str(), 0) != 0 && errno != ENOENT) {
     throw failure("cannot remove", path);
   }
 }
@@ -189,6 +182,25 @@ std::string partialName(const std::string& name) {
          std::to_string(made.fetch_add(1));
 }
 
+// Makes the folder at the absolute `path` with `mode`, and the missing folders
+// above it; what fails is left to the open that follows.
+void makeFolder(const std::string& path, mode_t mode) {
+  const std::string parent = path.substr(0, path.rfind('/'));
+  struct stat st {};
+  if (!parent.empty() && ::stat(parent.c_str(), &st) != 0 && errno == ENOENT) {
+    makeFolder(parent, 0777);
+  }
+  FileSystemFaults::mkdirat(AT_FDCWD, path.c_str(), mode);
+}
+
+// The permission bits of `mode` as four octal digits ("0755").
+std::string octal(mode_t mode) {
+  std::string digits;
+  for (int shift = 9; shift >= 0; shift -= 3)
+    digits += static_cast<char>('0' + ((mode >> shift) & 7));
+  return digits;
+}
+
 }  // namespace
 
 struct ConfinedFolder::Parent {
@@ -196,22 +208,43 @@ struct ConfinedFolder::Parent {
   std::string name;  // empty for the folder itself
 };
 
-void ConfinedFolder::setResolvedHookForTesting(std::function<void(const std::string&)> hook) {
-  std::lock_guard lock(gHookMutex);
-  gResolvedHook = std::move(hook);
+ConfinedFolder::ConfinedFolder(const std::string& path) : ConfinedFolder(path, false) {}
+
+ConfinedFolder ConfinedFolder::privateFolder(const std::string& path) {
+  return ConfinedFolder(path, true);
 }
 
-ConfinedFolder::ConfinedFolder(const std::string& path) {
+ConfinedFolder::ConfinedFolder(const std::string& path, bool isPrivate) : path_(path) {
   std::filesystem::path normal = std::filesystem::path(path).lexically_normal();
   if (!normal.is_absolute()) throw Refused("refused a folder that is not absolute: " + path);
   std::string text = normal.string();
   while (text.size() > 1 && text.back() == '/') text.pop_back();
-  std::error_code error;
-  std::filesystem::create_directories(text, error);
-  fd_ = ::open(text.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd_ < 0) throw failure("cannot open the folder", text);
-  path_ = path;
   while (path_.size() > 1 && path_.back() == '/') path_.pop_back();
+
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isPrivate ? O_NOFOLLOW : 0);
+  Descriptor folder(::open(text.c_str(), flags));
+  if (folder.get() < 0 && errno == ENOENT) {
+    makeFolder(text, isPrivate ? 0700 : 0777);
+    folder = Descriptor(::open(text.c_str(), flags));
+  }
+  auto refuse = [&](const std::string& reason) {
+    return Refused("refused the folder " + path_ + ": " + reason);
+  };
+  if (folder.get() < 0 && isPrivate && (errno == ENOTDIR || errno == ELOOP)) {
+    struct stat st {};
+    bool link = ::lstat(text.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    throw refuse(link ? "it is a link" : "it is not a folder");
+  }
+  if (folder.get() < 0) throw failure("cannot open the folder", text);
+  if (isPrivate) {
+    struct stat st {};
+    if (::fstat(folder.get(), &st) != 0) throw failure("cannot look at the folder", text);
+    if (st.st_uid != ::geteuid()) throw refuse("it belongs to another user");
+    if ((st.st_mode & 077) != 0) {
+      throw refuse("others may use it (mode " + octal(st.st_mode & 07777) + ")");
+    }
+  }
+  fd_ = folder.release();
 }
 
 ConfinedFolder::~ConfinedFolder() {
@@ -255,7 +288,7 @@ ConfinedFolder::Parent ConfinedFolder::parentOf(const std::string& path) const {
                                                : openFolder(fd_, relative.substr(0, slash), path);
   }
   if (parent.folder.get() < 0) throw failure("cannot open the folder of", path);
-  resolved(path);
+  FileSystemFaults::resolved(path);
   return parent;
 }
 
@@ -281,7 +314,7 @@ std::optional<struct stat> ConfinedFolder::status(const std::string& path) const
 
 void ConfinedFolder::createDirectories(const std::string& path) const {
   const std::string relative = relativeOf(path);
-  resolved(path);
+  FileSystemFaults::resolved(path);
   Descriptor current(::dup(fd_));
   std::size_t start = 0;
   while (start < relative.size()) {
@@ -291,7 +324,7 @@ void ConfinedFolder::createDirectories(const std::string& path) const {
     start = end + 1;
     if (name.empty() || name == ".") continue;
     if (name == "..") throw Refused("refused to climb in " + path);
-    if (::mkdirat(current.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {
+    if (FileSystemFaults::mkdirat(current.get(), name.c_str(), 0777) != 0 && errno != EEXIST) {
       throw failure("cannot create", path);
     }
     current = openFolder(current.get(), name, path);
@@ -301,9 +334,9 @@ void ConfinedFolder::createDirectories(const std::string& path) const {
 int ConfinedFolder::openForAppend(const std::string& path) const {
   Parent parent = parentOf(path);
   if (parent.name.empty()) throw Refused("refused to write the folder itself: " + path);
-  int fd = ::openat(parent.folder.get(), parent.name.c_str(),
-                    O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
-                    0644);
+  int fd = FileSystemFaults::openat(
+      parent.folder.get(), parent.name.c_str(),
+      O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600);
   if (fd < 0 && errno == ELOOP) throw Refused("refused to write through a link: " + path);
   if (fd < 0) throw failure("cannot open", path);
   struct stat st {};
@@ -321,14 +354,16 @@ void ConfinedFolder::move(const std::string& from, const ConfinedFolder& target,
   if (source.name.empty() || destination.name.empty()) {
     throw Refused("refused to move a folder the service writes in: " + from + " to " + to);
   }
-  if (::renameat2(source.folder.get(), source.name.c_str(), destination.folder.get(),
-                  destination.name.c_str(), RENAME_NOREPLACE) == 0) {
+  if (FileSystemFaults::renameat2(source.folder.get(), source.name.c_str(),
+                                  destination.folder.get(), destination.name.c_str(),
+                                  RENAME_NOREPLACE) == 0) {
     return;
   }
   if (errno != EXDEV) throw failure("cannot move " + from + " to", to);
   // Another file system: a flushed copy beside the target, renamed into place.
-  Descriptor file(::openat(source.folder.get(), source.name.c_str(),
-                           O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  Descriptor file(
+      FileSystemFaults::openat(source.folder.get(), source.name.c_str(),
+                               O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   struct stat st {};
   if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
     throw failure("cannot move across file systems", from);
@@ -336,15 +371,16 @@ void ConfinedFolder::move(const std::string& from, const ConfinedFolder& target,
   const std::string partial = partialName(destination.name);
   try {
     copyFile(file.get(), destination.folder.get(), partial, st.st_mode, from);
-    if (::renameat2(destination.folder.get(), partial.c_str(), destination.folder.get(),
-                    destination.name.c_str(), RENAME_NOREPLACE) != 0) {
+    if (FileSystemFaults::renameat2(destination.folder.get(), partial.c_str(),
+                                    destination.folder.get(), destination.name.c_str(),
+                                    RENAME_NOREPLACE) != 0) {
       throw failure("cannot move " + from + " to", to);
     }
   } catch (...) {
-    ::unlinkat(destination.folder.get(), partial.c_str(), 0);
+    FileSystemFaults::unlinkat(destination.folder.get(), partial.c_str(), 0);
     throw;
   }
-  ::unlinkat(source.folder.get(), source.name.c_str(), 0);
+  FileSystemFaults::unlinkat(source.folder.get(), source.name.c_str(), 0);
 }
 
 void ConfinedFolder::copy(const std::string& from, const std::string& to) const {
@@ -355,8 +391,9 @@ void ConfinedFolder::copy(const std::string& from, const std::string& to) const 
   const std::string partial = partialName(destination.name);
   try {
     copyTree(source.folder.get(), source.name, destination.folder.get(), partial, from);
-    if (::renameat2(destination.folder.get(), partial.c_str(), destination.folder.get(),
-                    destination.name.c_str(), RENAME_NOREPLACE) != 0) {
+    if (FileSystemFaults::renameat2(destination.folder.get(), partial.c_str(),
+                                    destination.folder.get(), destination.name.c_str(),
+                                    RENAME_NOREPLACE) != 0) {
       throw failure("cannot copy " + from + " to", to);
     }
   } catch (...) {
@@ -375,9 +412,10 @@ void ConfinedFolder::remove(const std::string& path) const {
 void ConfinedFolder::flush(const std::string& path) const {
   Parent parent = parentOf(path);
   if (!parent.name.empty()) {
-    Descriptor file(::openat(parent.folder.get(), parent.name.c_str(),
-                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (file.get() >= 0) ::fsync(file.get());
+    Descriptor file(
+        FileSystemFaults::openat(parent.folder.get(), parent.name.c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (file.get() >= 0) FileSystemFaults::fsync(file.get());
   }
-  ::fsync(parent.folder.get());
+  FileSystemFaults::fsync(parent.folder.get());
 }

@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <functional>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -18,7 +16,8 @@
 // Paths are given whole ("/home/ann/Tallowbox/Ann (Shared)/a.txt") and must
 // name the folder or something below it by their text; anything else is
 // refused with ConfinedFolder::Refused, as is every write a resolution refuses.
-// Other failures of the file system are std::system_error.
+// Other failures of the file system are std::system_error. Every call that
+// writes goes through FileSystemFaults, where tests make it fail.
 class ConfinedFolder {
  public:
   class Refused : public std::runtime_error {
@@ -30,6 +29,12 @@ class ConfinedFolder {
   // Throws Refused for a relative path, std::system_error when it cannot be
   // made or opened.
   explicit ConfinedFolder(const std::string& path);
+  // The folder at `path` as a private folder: made with mode 0700 when missing
+  // (its parents as above), opened without following a link, and refused unless
+  // it is a folder of this process's user that no one else may use. Throws
+  // Refused, naming the folder and the reason, for a link, a folder of another
+  // user or one open to group or others.
+  static ConfinedFolder privateFolder(const std::string& path);
   ~ConfinedFolder();
   ConfinedFolder(ConfinedFolder&& other) noexcept;
   ConfinedFolder& operator=(ConfinedFolder&&) = delete;
@@ -46,12 +51,13 @@ class ConfinedFolder {
 
   // Makes the folder at `path` and any missing folders above it.
   void createDirectories(const std::string& path) const;
-  // Opens the file at `path` to append to it, made empty when missing; never a
-  // link, never truncated. The caller closes the descriptor.
+  // Opens the file at `path` to append to it, made empty (mode 0600) when
+  // missing; never a link, never truncated. The caller closes the descriptor.
   int openForAppend(const std::string& path) const;
   // Moves `from` (below this folder) to `to` (below `target`), failing with EEXIST
-  // when `to` is taken. Across file systems: a copy beside `to`, flushed, renamed
-  // without replacing, then `from` removed.
+  // when `to` is taken; the file keeps its mode. Across file systems: a copy
+  // beside `to`, flushed, renamed without replacing, then `from` removed; a copy
+  // that fails part way is removed.
   void move(const std::string& from, const ConfinedFolder& target, const std::string& to) const;
   // Copies the file or folder at `from` to `to`, which must be free: made under a
   // hidden name beside it and renamed into place only when whole.
@@ -62,11 +68,9 @@ class ConfinedFolder {
   // Flushes the file at `path` and the folder that holds it.
   void flush(const std::string& path) const;
 
-  // Tests: called between a path's resolution and the write on it, with the path.
-  static void setResolvedHookForTesting(std::function<void(const std::string&)> hook);
-
  private:
   struct Parent;
+  ConfinedFolder(const std::string& path, bool isPrivate);
   // The folder that holds `path`, resolved beneath this one, and its last name.
   Parent parentOf(const std::string& path) const;
   std::string relativeOf(const std::string& path) const;

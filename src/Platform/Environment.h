@@ -6,12 +6,14 @@
 #include <optional>
 #include <string>
 
+class FileSystemFaults;
 class ReachabilityFlagsSource;
 
 // Everything the service takes from outside its own code, in one replaceable
 // object: the folders it reads and writes, the server's base URL, the AppKit
 // version it stands for, the cycle period, the JSON exchanges' time-out, where
-// reachability reads its flags, and the faults tests inject.
+// reachability reads its flags, and the faults tests inject (into transfers and
+// into the file system).
 //
 // The process's own environment is read once, in fromProcess(). Code asks
 // current() each time it needs a setting, so a test that puts another
@@ -43,6 +45,8 @@ class Environment {
   // Tests: sees each request's header block as it goes on the wire (its URL,
   // then the request line and header fields exactly as sent). Empty: nobody looks.
   std::function<void(const std::string& url, const std::string& block)> sentHeaders;
+  // Tests: the faults the file-system calls of every write meet; nullptr: none.
+  std::shared_ptr<FileSystemFaults> fileSystemFaults;
 
   // The process's environment variables, read now.
   static Environment fromProcess();

@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "Platform/Environment.h"
-#include "Platform/FileHandle.h"
+#include "Platform/FileSystemFaults.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
 
@@ -105,8 +105,9 @@ ReadResult readSuite(const std::string& path) {
 }
 
 void writeAll(int fd, const std::string& bytes, const std::string& path) {
-  if (!FileHandle::writeAll(fd, bytes.data(), bytes.size()))
+  if (!FileSystemFaults::writeAll(fd, bytes.data(), bytes.size())) {
     throw systemError("Cannot write", path);
+  }
 }
 
 }  // namespace
@@ -160,8 +161,9 @@ void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
     // Never over an earlier file kept aside: the first free of ".corrupt",
     // ".corrupt.1", ...
     std::string aside = path + ".corrupt";
-    for (int n = 1;
-         ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) != 0; ++n) {
+    for (int n = 1; FileSystemFaults::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(),
+                                                RENAME_NOREPLACE) != 0;
+         ++n) {
       if (errno != EEXIST || n > 1000) throw systemError("Cannot keep aside", path);
       aside = path + ".corrupt." + std::to_string(n);
     }
@@ -173,22 +175,22 @@ void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
   if (fd < 0) throw systemError("Cannot create a temporary file beside", path);
   try {
     writeAll(fd, bytes, temporary);
-    if (::fsync(fd) != 0) throw systemError("Cannot flush", temporary);
+    if (FileSystemFaults::fsync(fd) != 0) throw systemError("Cannot flush", temporary);
   } catch (...) {
     ::close(fd);
-    ::unlink(temporary.c_str());
+    FileSystemFaults::unlinkat(AT_FDCWD, temporary.c_str(), 0);
     throw;
   }
   ::close(fd);
-  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+  if (FileSystemFaults::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), 0) != 0) {
     std::system_error error = systemError("Cannot replace", path);
-    ::unlink(temporary.c_str());
+    FileSystemFaults::unlinkat(AT_FDCWD, temporary.c_str(), 0);
     throw error;
   }
   // Make the rename itself durable.
   int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dir >= 0) {
-    ::fsync(dir);
+    FileSystemFaults::fsync(dir);
     ::close(dir);
   }
 }

@@ -10,16 +10,9 @@
 class ServiceFolders {
  public:
   // "<tallowboxPathKey>/Tallowbox"; an absent value reads "(null)" (a relative
-  // path, which checkInside refuses). Throws ValueError when the value is no text.
+  // path, which ConfinedFolder refuses). Throws ValueError when the value is no text.
   static std::string productFolder(const Value::Dictionary& iAppsPrefs);
   // The system's temporary folder ($TMPDIR, else /tmp), ending in "/".
   static std::string temporaryDirectory();
   static std::string downloadFolder();
-
-  // Throws std::runtime_error unless `path` is one of the two folders or lies
-  // inside one: the part below the folder may not hold ".." components, and what
-  // it resolves to through links already on disk must stay inside as well. The
-  // folder itself may be written with ".."; a relative one (an absent
-  // "tallowboxPathKey" reads "(null)") is refused.
-  static void checkInside(const std::string& path, const Value::Dictionary& iAppsPrefs);
 };

@@ -224,9 +224,15 @@ Value SharedFilesXpcService::newRootFolder(const OwnerComputers& owner,
   entry["Blocked"] = Readings::listValue(owner.status);
   entry["DeleteKey"] = "0";
 
-  ServiceFolders::checkInside(wanted, prefs);
-  const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
+  // The product folder refuses a relative path of its own and a nick name that
+  // would leave it; a link in the root folder's place is refused too, as it
+  // could lead anywhere. Either ends the owner pass before anything is made in it.
   const ConfinedFolder product(productFolder);
+  std::optional<struct stat> existing = product.status(wanted);
+  if (existing && S_ISLNK(existing->st_mode)) {
+    throw ConfinedFolder::Refused("refused a link in the place of " + wanted);
+  }
+  const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
   if (!product.exists(free)) {
     try {
       product.createDirectories(free);

@@ -1,14 +1,22 @@
 // Writes below one folder, on real folders, against paths and links that try to
-// leave it.
+// leave it and a file system that fails part way; and the private download folder.
 #include "Platform/ConfinedFolder.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
+#include <memory>
+#include <sstream>
+#include <vector>
 
+#include "Platform/FileSystemFaults.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
 
 namespace fs = std::filesystem;
@@ -25,13 +33,42 @@ void write(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+// The names in the folder at `path`, sorted.
+std::vector<std::string> namesIn(const fs::path& path) {
+  std::vector<std::string> names;
+  for (const auto& item : fs::directory_iterator(path)) {
+    names.push_back(item.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The permission bits of what is at `path` in octal ("0644").
+std::string modeOf(const fs::path& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return "missing";
+  std::ostringstream digits;
+  digits << std::oct << std::setw(4) << std::setfill('0') << (st.st_mode & 07777);
+  return digits.str();
+}
+
+// What ConfinedFolder::Refused says when constructing a private folder at `path`.
+std::string refusal(const fs::path& path) {
+  try {
+    ConfinedFolder::privateFolder(path.string());
+  } catch (const ConfinedFolder::Refused& refused) {
+    return refused.what();
+  }
+  return "not refused";
+}
+
 class ConfinedFolderTest : public ::testing::Test {
  protected:
-  void TearDown() override { ConfinedFolder::setResolvedHookForTesting(nullptr); }
-
   fs::path inside(const std::string& name) const { return root.path() / "Tallowbox" / name; }
   std::string at(const std::string& name) const { return inside(name).string(); }
 
+  std::shared_ptr<FileSystemFaults> faults = std::make_shared<FileSystemFaults>();
+  ScopedEnvironment environment{[this](Environment& e) { e.fileSystemFaults = faults; }};
   TemporaryFolder root;
   fs::path outside = root.path() / "outside";
   ConfinedFolder folder{(root.path() / "Tallowbox").string()};
@@ -79,12 +116,104 @@ TEST_F(ConfinedFolderTest, MovesAndCopiesNeverReplaceAndAHalfFailedCopyLeavesNot
   write(inside("Music/a/song.mp3"), "la");
   ASSERT_EQ(::mkfifo(inside("Music/z-pipe").c_str(), 0600), 0);
   EXPECT_THROW(folder.copy(at("Music"), at("Music 1")), std::system_error);
-  std::vector<std::string> names;
-  for (const auto& item : fs::directory_iterator(root.path() / "Tallowbox")) {
-    names.push_back(item.path().filename().string());
+  EXPECT_EQ(namesIn(root.path() / "Tallowbox"),
+            (std::vector<std::string>{"Music", "a.txt", "b.txt"}));
+}
+
+TEST_F(ConfinedFolderTest, MoveAcrossFileSystemsLandsWholeOrLeavesNothingBesideTheTarget) {
+  const ConfinedFolder download = ConfinedFolder::privateFolder((root.path() / "temp").string());
+  const std::string partial = (root.path() / "temp" / "a.bin").string();
+  std::string bytes;
+  for (int i = 0; i < 300000; ++i) bytes += static_cast<char>('a' + i % 26);
+  write(partial, bytes);
+  fs::permissions(partial, fs::perms(0640));
+
+  // The disk fills part way through the copy.
+  faults->failNext(FileSystemFaults::Call::kRename, EXDEV);
+  faults->failWritesAfter(100000, ENOSPC);
+  try {
+    download.move(partial, folder, at("a.bin"));
+    FAIL() << "a copy that ran out of space was moved";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), ENOSPC);
   }
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"Music", "a.txt", "b.txt"}));
+  EXPECT_EQ(contents(partial), bytes) << "the source is left as it was";
+  EXPECT_TRUE(fs::is_empty(root.path() / "Tallowbox")) << "nothing at or beside the target";
+
+  // The name is taken: the copy is made, then never renamed over it.
+  faults->clear();
+  write(inside("a.bin"), "mine");
+  faults->failNext(FileSystemFaults::Call::kRename, EXDEV);
+  try {
+    download.move(partial, folder, at("a.bin"));
+    FAIL() << "a taken name was replaced";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), EEXIST);
+  }
+  EXPECT_EQ(contents(inside("a.bin")), "mine");
+  EXPECT_EQ(namesIn(root.path() / "Tallowbox"), std::vector<std::string>{"a.bin"});
+  EXPECT_EQ(contents(partial), bytes);
+
+  fs::remove(inside("a.bin"));
+  faults->failNext(FileSystemFaults::Call::kRename, EXDEV);
+  download.move(partial, folder, at("a.bin"));
+  EXPECT_EQ(contents(inside("a.bin")), bytes);
+  EXPECT_EQ(modeOf(inside("a.bin")), "0640") << "the mode it had";
+  EXPECT_EQ(namesIn(root.path() / "Tallowbox"), std::vector<std::string>{"a.bin"});
+  EXPECT_TRUE(fs::is_empty(root.path() / "temp")) << "the source is gone";
+}
+
+TEST_F(ConfinedFolderTest, FolderTheFileSystemWillNotMakeIsAnErrorNotARefusal) {
+  faults->failNext(FileSystemFaults::Call::kMkdir, EACCES);
+  try {
+    folder.createDirectories(at("Docs/deep"));
+    FAIL() << "a folder that could not be made was reported made";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), EACCES);
+  }
+  EXPECT_FALSE(fs::exists(inside("Docs")));
+}
+
+TEST_F(ConfinedFolderTest, PrivateFolderIsMadeForTheUserAloneAndItsPartialsToo) {
+  const fs::path temp = root.path() / "var" / "TallowboxTemp";
+  {
+    const ConfinedFolder download = ConfinedFolder::privateFolder(temp.string());
+    EXPECT_EQ(modeOf(temp), "0700");
+    ::close(download.openForAppend((temp / "a.partial").string()));
+  }
+  EXPECT_EQ(modeOf(temp / "a.partial"), "0600");
+  EXPECT_EQ(refusal(temp), "not refused") << "opened again as it was made";
+}
+
+TEST_F(ConfinedFolderTest, PrivateFolderThatIsALinkAFileOrOpenToOthersIsRefusedNamingIt) {
+  const fs::path mine = root.path() / "mine";
+  fs::create_directory(mine);
+  fs::permissions(mine, fs::perms(0700));
+  const fs::path link = root.path() / "link";
+  fs::create_directory_symlink(mine, link);
+  EXPECT_EQ(refusal(link), "refused the folder " + link.string() + ": it is a link");
+  write(root.path() / "file", "");
+  EXPECT_EQ(refusal(root.path() / "file"),
+            "refused the folder " + (root.path() / "file").string() + ": it is not a folder");
+
+  const fs::path open = root.path() / "open";
+  fs::create_directory(open);
+  fs::permissions(open, fs::perms(0777));
+  EXPECT_EQ(refusal(open),
+            "refused the folder " + open.string() + ": others may use it (mode 0777)");
+  fs::permissions(open, fs::perms(0750));
+  EXPECT_EQ(refusal(open),
+            "refused the folder " + open.string() + ": others may use it (mode 0750)");
+}
+
+TEST_F(ConfinedFolderTest, PrivateFolderOfAnotherUserIsRefusedNamingIt) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder to another user";
+  const fs::path theirs = root.path() / "theirs";
+  fs::create_directory(theirs);
+  fs::permissions(theirs, fs::perms(0700));
+  ASSERT_EQ(::chown(theirs.c_str(), 4242, 4242), 0);
+  EXPECT_EQ(refusal(theirs),
+            "refused the folder " + theirs.string() + ": it belongs to another user");
 }
 
 TEST_F(ConfinedFolderTest, ClimbingAbsolutePathsAndLinksOutAreRefusedAndNothingOutsideChanges) {
@@ -119,10 +248,10 @@ TEST_F(ConfinedFolderTest, FolderSwappedForALinkAfterTheCheckStillCannotBeLeft) 
   fs::create_directories(outside);
   fs::create_directories(inside("Docs"));
   // Between the resolution of "Docs" and the write, "Docs" becomes a link out.
-  ConfinedFolder::setResolvedHookForTesting([&](const std::string& /*path*/) {
+  faults->onResolved([&](const std::string& /*path*/) {
     fs::rename(inside("Docs"), inside("Docs.away"));
     fs::create_directory_symlink(outside, inside("Docs"));
-    ConfinedFolder::setResolvedHookForTesting(nullptr);
+    faults->onResolved(nullptr);
   });
   int fd = folder.openForAppend(at("Docs/report.txt"));
   ASSERT_GE(fd, 0);

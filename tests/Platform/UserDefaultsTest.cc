@@ -7,14 +7,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <random>
 #include <sstream>
 #include <thread>
 
+#include "Platform/FileSystemFaults.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
 #include "Platform/ValueError.h"
@@ -237,6 +241,43 @@ TEST_F(UserDefaultsTest, FifoOrDeviceAtASuitesPathReadsEmptyAtOnce) {
   defaults.setObject(Value("x"), "key");
   EXPECT_TRUE(std::filesystem::is_symlink(own + ".corrupt")) << "the link kept aside as it was";
   EXPECT_EQ(defaults.objectForKey("key"), std::optional<Value>(Value("x")));
+}
+
+TEST_F(UserDefaultsTest, StoreThatCannotWriteFlushOrReplaceFailsAndLeavesThePreviousSuiteWhole) {
+  auto faults = std::make_shared<FileSystemFaults>();
+  environment.update([&](Environment& e) { e.fileSystemFaults = faults; });
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  defaults.setObject(Value("kept"), "key");
+  const std::string suite = UserDefaults::pathOfSuite("Quentara.SharedFilesXpcService");
+  const std::string stored = readText(suite);
+
+  const std::pair<std::function<void()>, int> cases[] = {
+      {[&] { faults->failWritesAfter(100, ENOSPC); }, ENOSPC},
+      {[&] { faults->failNext(FileSystemFaults::Call::kFsync, EIO); }, EIO},
+      {[&] { faults->failNext(FileSystemFaults::Call::kRename, EIO); }, EIO},
+  };
+  for (const auto& [fail, expected] : cases) {
+    faults->clear();
+    fail();
+    try {
+      defaults.setObject(Value(std::string(1000, 'x')), "key");
+      ADD_FAILURE() << "a store that failed was reported done";
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code().value(), expected);
+    }
+    EXPECT_EQ(readText(suite), stored) << expected;
+    EXPECT_EQ(defaults.objectForKey("key"), std::optional<Value>(Value("kept"))) << expected;
+    std::vector<std::string> names;
+    for (const auto& item : std::filesystem::directory_iterator(folder.path())) {
+      names.push_back(item.path().filename().string());
+    }
+    EXPECT_EQ(names, std::vector<std::string>{"Quentara.SharedFilesXpcService.plist"})
+        << "no temporary file left beside it, " << expected;
+  }
+
+  faults->clear();  // the disk has room again
+  defaults.setObject(Value("changed"), "key");
+  EXPECT_EQ(defaults.objectForKey("key"), std::optional<Value>(Value("changed")));
 }
 
 TEST_F(UserDefaultsTest, ValuesAPropertyListCannotHoldAreRefusedAndNothingIsWritten) {
