@@ -98,10 +98,23 @@ struct CurlCallbacks {
     return size * count;
   }
 
+  // The final answer's status when the request requires a successful one and this
+  // is not; nullopt otherwise.
+  static std::optional<long> refusedStatus(const URLSessionTask& task) {
+    if (!task.request_.requiresSuccessfulStatus) return std::nullopt;
+    long status = 0;
+    curl_easy_getinfo(task.transfer_->easy, CURLINFO_RESPONSE_CODE, &status);
+    if (status >= 200 && status <= 299) return std::nullopt;
+    return status;
+  }
+
   static size_t write(char* data, size_t size, size_t count, void* user) {
     auto* task = static_cast<URLSessionTask*>(user);
     CurlTransfer& transfer = *task->transfer_;
     size_t length = size * count;
+    // Only the final answer's body comes here: a followed redirect's is skipped.
+    transfer.refusedStatus = refusedStatus(*task);
+    if (transfer.refusedStatus) return 0;  // ends the transfer before a byte is handed on
     if (task->kind_ == URLSessionTask::Kind::kDownload) {
       if (!FileHandle::writeAll(transfer.downloadFd, data, length)) {
         return 0;  // ends the transfer with a write error
@@ -437,7 +450,13 @@ void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, int curlCod
   auto result = static_cast<CURLcode>(curlCode);
   CurlCallbacks::deliverPending(*task);  // what arrived goes before the ending
   const CurlTransfer& transfer = *task->transfer_;
-  if (result == CURLE_OK) {
+  // Refused at its first byte, or at its end when it had none.
+  const std::optional<long> refused =
+      result == CURLE_OK ? CurlCallbacks::refusedStatus(*task) : transfer.refusedStatus;
+  if (refused) {
+    finishWithCode(task, PlatformError::kBadServerResponse,
+                   "bad server response: HTTP " + std::to_string(*refused));
+  } else if (result == CURLE_OK) {
     finishWithCode(task, 0, "");
   } else if (result == CURLE_ABORTED_BY_CALLBACK && transfer.timedOut) {
     finishWithCode(task, PlatformError::kTimedOut, "The request timed out.");

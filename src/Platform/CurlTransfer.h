@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,4 +40,7 @@ struct CurlTransfer {
   std::function<void(const std::string& url, const std::string& block)> sentHeaders;
   bool timedOut = false;
   bool answerTooLong = false;
+  // The status of an answer refused before its body was handed on (the request
+  // requires a successful one).
+  std::optional<long> refusedStatus;
 };

@@ -19,6 +19,8 @@ struct URLRequest {
   std::shared_ptr<InputStream> httpBodyStream;
   // Seconds without a byte before the request times out.
   double timeoutInterval = 60;
+  // A final answer outside 200-299 fails the task with -1011, and none of its body is handed on.
+  bool requiresSuccessfulStatus = false;
 
   // Replaces the value of `field` (added at the end when new).
   void setValueForHTTPHeaderField(const std::string& value, const std::string& field);

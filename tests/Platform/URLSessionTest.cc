@@ -10,6 +10,7 @@
 #include "Platform/DispatchQueues.h"
 #include "Platform/Environment.h"
 #include "ReferenceServer.h"
+#include "support/RawReplyServer.h"
 #include "support/SentHeaders.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
@@ -96,6 +97,23 @@ class URLSessionTest : public ::testing::Test {
     return run([&](const auto& session,
                    auto done) { return session->dataTaskWithRequest(request, std::move(done)); },
                std::move(configuration));
+  }
+
+  // What a task whose answer goes to a delegate handed it, and how it ended.
+  struct Streamed {
+    std::string received;
+    std::optional<PlatformError> error;
+  };
+  static Streamed stream(URLRequest request) {
+    auto recorder = std::make_shared<Recorder>();
+    auto session = URLSession::sessionWithConfiguration({}, recorder, mainQueue());
+    auto task = session->dataTaskWithRequest(std::move(request));
+    task->resume();
+    auto done = recorder->done.get_future();
+    if (done.wait_for(30s) != std::future_status::ready) throw std::runtime_error("no report");
+    std::optional<PlatformError> error = done.get();
+    std::lock_guard lock(recorder->mutex);
+    return {recorder->received, error};
   }
 
   ReferenceServer server;
@@ -375,4 +393,59 @@ TEST_F(URLSessionTest, ConnectionsPerHostLimitHoldsTasksBackUntilOneEnds) {
   EXPECT_EQ(server.requestsFor("Slow").size(), 2U);
   a.get_future().wait();
   b.get_future().wait();
+}
+
+TEST_F(URLSessionTest, ErrorAnswerToARequestRequiringSuccessEndsWith1011AndHandsOnNoByteOfIt) {
+  std::string file(600000, '\0');
+  for (std::size_t i = 0; i < file.size(); ++i)
+    file[i] = static_cast<char>((i * 13 + i / 997) & 0xFF);
+  server.script("File", ReferenceServer::raw(file));
+  server.script("Json500",
+                ReferenceServer::json({{"ReturnStatus", "1"}, {"Message", "boom"}}, 500));
+  ReferenceServer::Reply page =
+      ReferenceServer::raw("<html><body><h1>502 Bad Gateway</h1></body></html>", "text/html");
+  page.status = 502;
+  server.script("Page502", page);
+  ReferenceServer::Reply empty = ReferenceServer::raw("");
+  empty.status = 500;
+  server.script("Empty500", empty);
+  auto required = [&](const std::string& operation) {
+    URLRequest request = post(operation);
+    request.requiresSuccessfulStatus = true;
+    return request;
+  };
+
+  for (const char* operation : {"Json500", "Page502", "Empty500"}) {
+    Streamed refused = stream(required(operation));
+    ASSERT_TRUE(refused.error) << operation;
+    EXPECT_EQ(refused.error->code(), -1011) << operation;
+    EXPECT_EQ(refused.error->domain(), "NSURLErrorDomain") << operation;
+    EXPECT_EQ(refused.received, "") << operation << ": the error page is no file";
+  }
+  Outcome handled = runData(required("Page502"));
+  ASSERT_TRUE(handled.error);
+  EXPECT_EQ(handled.error->code(), -1011);
+  EXPECT_EQ(handled.error->localizedDescription(), "bad server response: HTTP 502");
+  EXPECT_EQ(handled.data, "") << "a completion handler is not handed the page either";
+  ASSERT_TRUE(handled.response);
+  EXPECT_EQ(handled.response->statusCode, 502);
+
+  Streamed whole = stream(required("File"));
+  EXPECT_FALSE(whole.error);
+  EXPECT_TRUE(whole.received == file) << whole.received.size() << " bytes";
+
+  // A redirect curl follows is no error answer, and its own body is not handed on.
+  RawReplyServer moved;
+  moved.setReply("HTTP/1.1 307 Temporary Redirect\r\nLocation: " + server.baseURL() +
+                 "File\r\nContent-Length: 5\r\nConnection: close\r\n\r\nmoved");
+  URLRequest redirected = required("File");
+  redirected.url = moved.baseURL() + "Moved";
+  Streamed followed = stream(redirected);
+  EXPECT_FALSE(followed.error);
+  EXPECT_TRUE(followed.received == file) << followed.received.size() << " bytes";
+
+  // Without the flag an error answer is data like any other.
+  Streamed unflagged = stream(post("Json500"));
+  EXPECT_FALSE(unflagged.error);
+  EXPECT_EQ(unflagged.received, R"({"Message":"boom","ReturnStatus":"1"})");
 }

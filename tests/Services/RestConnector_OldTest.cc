@@ -164,3 +164,22 @@ TEST_F(RestConnector_OldTest, DownloadConnectionAnswersItsTagAndStreamsToItsDele
   auto idle = DownloadConnection::initWithRequest(request, collector, false, "later");
   EXPECT_EQ(idle->tag(), "later");
 }
+
+TEST_F(RestConnector_OldTest,
+       DownloadConnectionRequiringSuccessFailsOnAnErrorPageAndPassesItNoData) {
+  ReferenceServer::Reply page =
+      ReferenceServer::raw("<html><body><h1>502 Bad Gateway</h1></body></html>", "text/html");
+  page.status = 502;
+  server.script("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer", page);
+  URLRequest request =
+      RestConnector::jsonRequest("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer", "{}");
+  request.requiresSuccessfulStatus = true;
+  auto collector = std::make_shared<Collector>();
+  auto future = collector->done.get_future();
+  DownloadConnection::initWithRequest(request, collector, "file-18");
+  ASSERT_EQ(future.wait_for(30s), std::future_status::ready);
+  auto [tag, bytes, code] = future.get();
+  EXPECT_EQ(tag, "file-18");
+  EXPECT_EQ(code, -1011);
+  EXPECT_EQ(bytes, "");
+}

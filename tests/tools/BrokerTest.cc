@@ -368,6 +368,12 @@ TEST_F(BrokerServerTest, AdminChangesOfTheWrongShapeAreRefusedWith400AndChangeNo
        "computers/C1/FileToTransfer is an array"},
       {R"({"nextID": -1})", "nextID is a number of 0 or more"},
       {R"({"errorLog": {}})", "errorLog is an array"},
+      {R"({"faults": {"downloadAnswer": {"status": "502"}}})",
+       "faults/downloadAnswer has a status of 100 to 599 and, maybe, the texts contentType and "
+       "body"},
+      {R"({"faults": {"downloadAnswer": {"status": 502, "body": ["x"]}}})",
+       "faults/downloadAnswer has a status of 100 to 599 and, maybe, the texts contentType and "
+       "body"},
   };
   for (const auto& [body, why] : cases) {
     auto result = post(*server, "/admin/state", body);
@@ -382,6 +388,47 @@ TEST_F(BrokerServerTest, AdminChangesOfTheWrongShapeAreRefusedWith400AndChangeNo
   ASSERT_TRUE(wrongBody);
   EXPECT_EQ(json::parse(wrongBody->body),
             json({{"ReturnStatus", "1"}, {"error", "the body is not a JSON object"}}));
+}
+
+TEST_F(BrokerServerTest, DownloadAnswerFaultSendsItsErrorPageInsteadOfTheBytesUntilLifted) {
+  auto server = startServer();
+  server->state().load(R"({"saved": {"S1": {"text": "hello world"}},
+                           "cloud": {"\\C1\\a.txt": {"text": "from the cloud"}}})");
+  const std::string page = "<html><body><h1>502 Bad Gateway</h1></body></html>";
+  const json fault = {{"status", 502}, {"contentType", "text/html"}, {"body", page}};
+  auto set = post(*server, "/admin/state",
+                  json({{"faults", {{"cutDownloadAfter", 3}, {"downloadAnswer", fault}}}}).dump());
+  ASSERT_TRUE(set);
+  ASSERT_EQ(set->status, 200) << set->body;
+  const json before = server->state().snapshot();
+  const std::string fromComputer =
+      "/TallowboxRestService/MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer";
+  const std::string fromCloud = "/TallowboxRestService/MAC/SharedFiles.svc/GetFileStreamFromCloud";
+  const std::string savedBody = R"({"SavedFileID": "S1", "Length": "0"})";
+  const std::string cloudBody = R"({"StrFullPath": "\\C1\\a.txt", "Length": "0"})";
+  const std::vector<std::pair<std::string, std::string>> downloads = {{fromComputer, savedBody},
+                                                                      {fromCloud, cloudBody}};
+  for (const auto& [path, body] : downloads) {
+    auto answered = post(*server, path, body);
+    ASSERT_TRUE(answered) << path;
+    EXPECT_EQ(answered->status, 502) << path;
+    EXPECT_EQ(answered->get_header_value("Content-Type"), "text/html") << path;
+    EXPECT_EQ(answered->body, page) << path;
+  }
+  EXPECT_EQ(server->state().snapshot(), before) << "no cut taken, no cloud copy made";
+
+  auto lifted = post(*server, "/admin/state",
+                     R"({"faults": {"downloadAnswer": null, "cutDownloadAfter": null}})");
+  ASSERT_TRUE(lifted);
+  ASSERT_EQ(lifted->status, 200) << lifted->body;
+  auto saved = post(*server, fromComputer, savedBody);
+  ASSERT_TRUE(saved);
+  EXPECT_EQ(saved->status, 200);
+  EXPECT_EQ(saved->body, "hello world");
+  auto cloud = post(*server, fromCloud, cloudBody);
+  ASSERT_TRUE(cloud);
+  EXPECT_EQ(cloud->status, 200);
+  EXPECT_EQ(cloud->body, "from the cloud");
 }
 
 TEST_F(BrokerServerTest, UploadCutBeforeARestartResumesFromTheBytesTheStoreKept) {

@@ -93,6 +93,15 @@ std::string Broker::problem(const json& state) {
       return std::string(name) + " is a JSON object";
     }
   }
+  if (const json& answer = at(at(state, "faults"), "downloadAnswer");
+      !answer.is_null() &&
+      (!at(answer, "status").is_number_integer() || answer["status"] < 100 ||
+       answer["status"] > 599 ||
+       (answer.contains("contentType") && !answer["contentType"].is_string()) ||
+       (answer.contains("body") && !answer["body"].is_string()))) {
+    return "faults/downloadAnswer has a status of 100 to 599 and, maybe, the texts contentType "
+           "and body";
+  }
   if (!at(state, "errorLog").is_null() && !state["errorLog"].is_array())
     return "errorLog is an array";
   if (!at(state, "nextID").is_null() && !state["nextID"].is_number_unsigned()) {

@@ -145,6 +145,11 @@ bool ReferenceServer::hasScript(const std::string& operation) const {
 }
 
 void ReferenceServer::serve(const ServerState::Download& download, httplib::Response& response) {
+  if (download.answerStatus != 0) {
+    response.status = download.answerStatus;
+    response.set_content(download.answerBody, download.answerContentType);
+    return;
+  }
   const std::uint64_t from = std::min(download.offset, download.size);
   const std::uint64_t length = download.size - from;
   if (length == 0) {

@@ -178,6 +178,15 @@ std::optional<ServerState::Download> ServerState::download(const std::string& op
   if (length.is_string())
     download.offset = std::strtoull(length.get<std::string>().c_str(), nullptr, 10);
   std::lock_guard lock(mutex_);
+  if (auto faults = state_.find("faults"); faults != state_.end() && faults->is_object()) {
+    const nlohmann::json answer = faults->value("downloadAnswer", nlohmann::json());
+    if (answer.is_object()) {  // its shape is checked by Broker::problem
+      download.answerStatus = answer["status"].get<int>();
+      download.answerContentType = answer.value("contentType", std::string("text/html"));
+      download.answerBody = answer.value("body", std::string());
+      return download;
+    }
+  }
   download.cutAfter = takeCut("cutDownloadAfter");
   keep();
   const nlohmann::json& faults = state_["faults"];

@@ -55,7 +55,12 @@
 // holds every upload's answer, once its bytes are stored, until the fault is
 // lifted. {"faults": {"downloadBytesPerSecond": n}} paces every download to n
 // bytes a second, as a slow network would, so that a download can be watched
-// while it moves. "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of
+// while it moves. {"faults": {"downloadAnswer": {"status": 502, "contentType":
+// "text/html", "body": "<html>...</html>"}}} answers every download with that
+// status, content type (text/html when absent) and body (empty when absent)
+// instead of the file's bytes, as a failing proxy would, and takes or changes
+// nothing, a one-shot cut included, until the fault is lifted.
+// "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of
 // its array in order, with status "0" and the change's "FileID" and
 // "BaseSystemFileID".
 class ServerState {
@@ -102,6 +107,11 @@ class ServerState {
     std::uint64_t holdAfter = UINT64_MAX;
     // At most this many bytes a second (0: as fast as the connection takes them).
     std::uint64_t bytesPerSecond = 0;
+    // While "downloadAnswer" is set: the status, content type and body answered
+    // instead of the bytes (a status of 0: the bytes).
+    int answerStatus = 0;
+    std::string answerContentType;
+    std::string answerBody;
   };
   // The bytes asked for by "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer" (the
   // saved file "SavedFileID", from "Length") or "MAC/SharedFiles.svc/GetFileStreamFromCloud"
