@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include "Platform/ConfinedFolder.h"
 #include "Platform/DispatchQueues.h"
 #include "Platform/Log.h"
 #include "Platform/Readings.h"
@@ -18,49 +17,42 @@
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 
-void ReceiveFileFromTransferHandler::saveStreamFile(const RecFileFromTransfer& file) {
+void ReceiveFileFromTransferHandler::saveStreamFile(const RecFileFromTransfer& file,
+                                                    std::shared_ptr<Download> download) {
   RestConnector::Params body = RestConnector::Params::object();
-  {
-    std::lock_guard lock(mutex_);
-    checkTask_ = "saveStreamFile";
-    sharedFileTransferID_ = file.sharedFileTransferId;
-    body["StrFullPath"] =
-        "\\" + Readings::formatted(file.fromComputerId) + Readings::formatted(file.fullPath);
-    body["Length"] = fileLength_;
-  }
+  body["StrFullPath"] =
+      "\\" + Readings::formatted(file.fromComputerId) + Readings::formatted(file.fullPath);
+  body["Length"] = download->fileLength();
   auto encoded = JsonBody::encode(body);
   const std::string text =
       std::holds_alternative<std::string>(encoded) ? std::get<std::string>(encoded) : std::string();
-  DispatchQueues::shared().dispatchAsync([self = shared_from_this(), text] {
-    if (NetWorkConnectionStatus::ConectionStatus()) {
-      self->startAsyncDownloadWithStreamRequest(
-          ServicesUtilities::baseURL() + "MAC/SharedFiles.svc/GetFileStreamFromCloud", text);
-      Log::line(
-          "calling getfilefrom cloud service "
-          "^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^");
-    } else {
-      Log::line("Connection Not available.. at saveStreamFile in RECEIEVEFILEFROMTRANSFER");
-    }
-  });
+  DispatchQueues::shared().dispatchAsync(
+      [self = shared_from_this(), text, download = std::move(download)] {
+        if (NetWorkConnectionStatus::ConectionStatus()) {
+          self->startAsyncDownloadWithStreamRequest(
+              ServicesUtilities::baseURL() + "MAC/SharedFiles.svc/GetFileStreamFromCloud", text,
+              download);
+          Log::line(
+              "calling getfilefrom cloud service "
+              "^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^");
+        } else {
+          Log::line("Connection Not available.. at saveStreamFile in RECEIEVEFILEFROMTRANSFER");
+        }
+      });
 }
 
-void ReceiveFileFromTransferHandler::saveUpdateReceiveFile(const RecFileFromTransfer& file) {
+void ReceiveFileFromTransferHandler::saveUpdateReceiveFile(const RecFileFromTransfer& file,
+                                                           std::shared_ptr<Download> download) {
   RestConnector::Params body = RestConnector::Params::object();
   auto set = [&](const char* key, const WireValue& value) {
     if (value) body[key] = *value;
   };
-  {
-    std::lock_guard lock(mutex_);
-    checkTask_ = "saveUpdateReceiveFile";
-    sharedFileTransferID_ = file.sharedFileTransferId;
-    savedfileId_ = file.savedFileId;
-  }
   set("StrFullPath", file.fullPath);
   set("SavedFileID", file.savedFileId);
   set("IsFile", file.isFile);
   set("ChangeType", file.changeType);
   set("FromCloud", file.fromCloud);
-  body["Length"] = fileLength();
+  body["Length"] = download->fileLength();
   auto encoded = JsonBody::encode(body);
   if (const auto* error = std::get_if<PlatformError>(&encoded)) {
     throw ValueError("the download's request cannot be written: " + error->localizedDescription());
@@ -70,7 +62,8 @@ void ReceiveFileFromTransferHandler::saveUpdateReceiveFile(const RecFileFromTran
   if (NetWorkConnectionStatus::ConectionStatus()) {
     Log::line("Connection Available....");
     startAsyncDownloadWithStreamRequest(
-        ServicesUtilities::baseURL() + "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer", text);
+        ServicesUtilities::baseURL() + "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer", text,
+        std::move(download));
     Log::line(
         "update receviedfilefrom transfer "
         "^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^");
@@ -90,15 +83,22 @@ void ReceiveFileFromTransferHandler::updateReceivedCall(const RecFileFromTransfe
 }
 
 void ReceiveFileFromTransferHandler::startAsyncDownloadWithStreamRequest(
-    const std::string& url, const std::string& postData) {
+    const std::string& url, const std::string& postData, std::shared_ptr<Download> download) {
   URLRequest request;
   request.url = url;
   request.timeoutInterval = 60;
   request.setValueForHTTPHeaderField("application/json", "Content-Type");
   request.httpMethod = "POST";
   request.httpBody = postData;
+  // An error page is never a user's file.
+  request.requiresSuccessfulStatus = true;
   if (ServicesUtilities::isLessThan10_10()) {
-    DownloadConnection::initWithRequest(request, shared_from_this(), false, "")->start();
+    auto connection = DownloadConnection::initWithRequest(request, shared_from_this(), false, "");
+    {
+      std::lock_guard lock(mutex_);
+      running_[static_cast<const URLConnection*>(connection.get())] = std::move(download);
+    }
+    connection->start();
     return;
   }
   auto session =
@@ -107,148 +107,149 @@ void ReceiveFileFromTransferHandler::startAsyncDownloadWithStreamRequest(
   auto task = session->dataTaskWithRequest(request);
   {
     std::lock_guard lock(mutex_);
-    task_ = task;
+    running_[task.get()] = std::move(download);
   }
   task->resume();
 }
 
-bool ReceiveFileFromTransferHandler::chunkArrived(const std::string& data) {
-  // Each chunk is appended through an append stream of its own.
-  int fd = -1;
+std::shared_ptr<Download> ReceiveFileFromTransferHandler::running(const void* transfer, bool take) {
+  std::lock_guard lock(mutex_);
+  auto it = running_.find(transfer);
+  if (it == running_.end()) return nullptr;
+  std::shared_ptr<Download> download = it->second;
+  if (take) running_.erase(it);
+  return download;
+}
+
+bool ReceiveFileFromTransferHandler::chunkArrived(Download& download, const std::string& data) {
+  // The partial file is opened again for each chunk, and the chunk written whole.
   std::string error;
-  try {
-    fd = downloadFolder().openForAppend(tempFilePath());
-  } catch (const std::exception& refused) {
-    error = refused.what();
-  }
-  std::size_t done = 0;
-  while (fd >= 0 && done < data.size()) {
-    ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      error = std::system_category().message(errno);
+  switch (download.append(data, error)) {
+    case Download::Appended::kWritten:
+      Log::printf("Bytes Written : %lu", static_cast<unsigned long>(data.size()));
+      return true;
+    case Download::Appended::kWriteFailed:
+      Log::printf("Bytes Written : %lu", static_cast<unsigned long>(-1));
+      Log::printf("Stream error: %s", error.c_str());
+      return false;
+    case Download::Appended::kDiscarded:
       break;
-    }
-    Log::printf("Bytes Written : %lu", static_cast<unsigned long>(n));
-    done += static_cast<std::size_t>(n);
   }
-  if (fd >= 0) ::close(fd);
-  if (error.empty()) return true;
-  Log::printf("Stream error: %s", error.c_str());
+  Log::printf("Discarded the partial file %s: someone else changed it",
+              download.partialPath().c_str());
   return false;
 }
 
 void ReceiveFileFromTransferHandler::didReceiveData(URLSessionTask& task, const std::string& data) {
-  if (chunkArrived(data)) return;
+  std::shared_ptr<Download> download = running(&task);
+  if (!download || download->hasFailed() || chunkArrived(*download, data)) return;
   task.suspend();
   task.cancel();
   notify();
 }
 
-void ReceiveFileFromTransferHandler::didReceiveData(URLConnection& /*connection*/,
+void ReceiveFileFromTransferHandler::didReceiveData(URLConnection& connection,
                                                     const std::string& data) {
-  if (!chunkArrived(data)) notify();
+  std::shared_ptr<Download> download = running(&connection);
+  if (!download || download->hasFailed() || chunkArrived(*download, data)) return;
+  notify();
+  // Nothing more of it can be written: the rest is not fetched.
+  connection.cancel();
+  if (auto ended = running(&connection, true)) ended->release();
 }
 
 void ReceiveFileFromTransferHandler::didCompleteWithError(
     URLSessionTask& task, const std::optional<PlatformError>& error) {
-  if (error) {
-    Log::printf("task discription......%s", task.taskDescription().c_str());
-    if (error->code() != PlatformError::kCancelled) failed(*error);
+  std::shared_ptr<Download> download = running(&task, true);
+  // A download whose chunk failed was cancelled; when its last bytes had already
+  // arrived, the completion comes without an error but ends it all the same.
+  std::optional<PlatformError> ending = error;
+  if (!ending && download && download->hasFailed()) {
+    ending.emplace(PlatformError::kURLErrorDomain, PlatformError::kCancelled, "cancelled");
+  }
+  if (ending) {
+    const std::string description = task.taskDescription();
+    Log::printf("task discription......%s", description.empty() ? "(null)" : description.c_str());
+    failed(download, *ending);
     return;
   }
-  finished();
+  finished(download);
 }
 
 void ReceiveFileFromTransferHandler::connectionDidFinishLoading(URLConnection& connection) {
   connection.cancel();
-  finished();
+  finished(running(&connection, true));
 }
 
 void ReceiveFileFromTransferHandler::didFailWithError(URLConnection& connection,
                                                       const PlatformError& error) {
-  failed(error);
+  failed(running(&connection, true), error);
   connection.cancel();
 }
 
-void ReceiveFileFromTransferHandler::finished() {
+void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& download) {
   reportFailures([&] {
-    const std::string temp = tempFilePath();
-    if (temp.empty()) return;
-    const std::string target = finalPath();
-    std::string task;
-    WireValue transfer;
-    WireValue saved;
-    {
-      std::lock_guard lock(mutex_);
-      task = checkTask_;
-      transfer = sharedFileTransferID_;
-      saved = savedfileId_;
-      task_.reset();
+    if (!download || download->hasFailed()) return;
+    const bool cloud = download->source() == Download::Source::kCloud;
+    if (cloud) Log::line("Download Finished");
+    std::string error;
+    // kept: a file whose name is taken stays in the download folder, and the
+    // server is told all the same. Any other failure keeps the file from being
+    // lost: it is not acknowledged, and a later cycle places it.
+    if (download->place(error) == Download::Placed::kFailed) {
+      Log::printf("Not placed, so not acknowledged: %s", error.c_str());
+      download->release();
+      notify();
+      return;
     }
-    const ConfinedFolder download = downloadFolder();
-    if (!download.exists(temp)) ::close(download.openForAppend(temp));  // a file of no bytes
-    auto place = [&] {
-      download.flush(temp);
-      const ConfinedFolder product = productFolder();
-      try {
-        // Never over a name that is taken: the file then stays in the download
-        // folder, and the server is told all the same.
-        download.move(temp, product, target);
-        product.flush(target);
-      } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): as the platform's move
-      }
-    };
-    if (task == "saveStreamFile") {
-      Log::line("Download Finished");
-      place();
+    if (cloud) {
       UpdateFileReceivedQuery query;
-      query.sharedFileTransferID = transfer;
+      query.sharedFileTransferID = download->sharedFileTransferID;
       query.isFileExists = "true";
       RestInterface::asyncUpdateFileReceived(
-          query, [self = shared_from_this(), target](
+          query, [self = shared_from_this(), download](
                      const OperationResult<UpdateFileReceivedResponseData>& result, int status) {
+            download->release();
             self->reportFailures([&] {
-              if (ReceiveFileFromTransferHandler::statusIsZero(result, status)) {
-                self->updateFileID(target);
+              if (statusIsZero(result, status)) {
+                self->updateFileID(download->finalPath());
                 self->notify();
               }
             });
             Log::line("inside  updatefilereceived service *****************");
           });
-    } else if (task == "saveUpdateReceiveFile") {
-      place();
-      Log::line("download finished");
-      DeleteReceivedFileFromTransferQuery query;
-      query.isFileExists = "true";
-      query.savedFileID = saved;
-      query.sharedFileTransferID = transfer;
-      RestInterface::asyncDeleteReceivedFileFromTransfer(
-          query, [self = shared_from_this(), target](
-                     const OperationResult<DeleteReceivedFileFromTransferResponseData>& result,
-                     int status) {
-            self->reportFailures([&] {
-              if (status != 0) return;
-              self->notify();
-              if (ReceiveFileFromTransferHandler::statusIsZero(result, status))
-                self->updateFileID(target);
-            });
-            Log::printf("inside deletefilefromtransfer service ....&&&&&&&&&&&& %ld",
-                        static_cast<long>(status));
-          });
+      return;
     }
+    Log::line("download finished");
+    DeleteReceivedFileFromTransferQuery query;
+    query.isFileExists = "true";
+    query.savedFileID = download->savedFileID;
+    query.sharedFileTransferID = download->sharedFileTransferID;
+    RestInterface::asyncDeleteReceivedFileFromTransfer(
+        query,
+        [self = shared_from_this(), download](
+            const OperationResult<DeleteReceivedFileFromTransferResponseData>& result, int status) {
+          download->release();
+          self->reportFailures([&] {
+            if (status != 0) return;
+            self->notify();
+            if (statusIsZero(result, status)) self->updateFileID(download->finalPath());
+          });
+          Log::printf("inside deletefilefromtransfer service ....&&&&&&&&&&&& %ld",
+                      static_cast<long>(status));
+        });
   });
 }
 
-void ReceiveFileFromTransferHandler::failed(const PlatformError& error) {
+void ReceiveFileFromTransferHandler::failed(const std::shared_ptr<Download>& download,
+                                            const PlatformError& error) {
   reportFailures([&] {
+    if (download) download->release();
     const long code = error.code();
     if (code == PlatformError::kNetworkConnectionLost) {
       // A cloud download starts again from nothing; another computer's resumes
       // from the partial file, whose size is the next request's "Length".
-      if (!finalPath().empty() && checkTaskIs("saveStreamFile")) {
-        downloadFolder().remove(tempFilePath());
-      }
+      if (download && download->source() == Download::Source::kCloud) download->abandon();
       notify();
     } else if (code == PlatformError::kCannotConnectToHost || code == PlatformError::kTimedOut) {
       notify();

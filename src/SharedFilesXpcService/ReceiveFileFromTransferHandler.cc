@@ -17,6 +17,7 @@
 #include "Services/NetWorkConnectionStatus.h"
 #include "Services/RestInterface.h"
 #include "Services/ServicesUtilities.h"
+#include "SharedFilesXpcService/EntryPlacement.h"
 #include "SharedFilesXpcService/ErrorLogReport.h"
 #include "SharedFilesXpcService/ServiceFolders.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
@@ -25,25 +26,25 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A server path ("a\\b") in local form ("a/b").
-std::string local(const WireValue& path) {
-  std::string text = Readings::formatted(path);
-  for (char& c : text) {
-    if (c == '\\') c = '/';
-  }
-  return text;
-}
-
-std::string textOf(const Value& entry, const char* key) {
-  const Value* value = entry.objectForKey(key);
-  if (value == nullptr) return "";
-  if (value->string() == nullptr) {
-    throw ValueError(std::string(key) + " holds a " + std::string(value->kindName()));
-  }
-  return *value->string();
-}
-
 std::string documentsFolder() { return Environment::current()->homeFolder + "/Documents"; }
+
+// Runs a file-system step whose errors are ignored, as the platform's file
+// manager calls are: only a refusal to leave the service's folders goes on up.
+template <class Step>
+void ignoringErrors(Step step) {
+  try {
+    step();
+  } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): ignored, as the platform's
+  }
+}
+
+// Whether anything is at `path`, as the platform's file manager answers: a path
+// it cannot look at holds nothing.
+bool exists(const ConfinedFolder& folder, const std::string& path) {
+  bool found = false;
+  ignoringErrors([&] { found = folder.exists(path); });
+  return found;
+}
 
 }  // namespace
 
@@ -67,12 +68,8 @@ void ReceiveFileFromTransferHandler::notify() const {
   if (auto told = delegate()) told->ReceiveFileNotify();
 }
 
-ConfinedFolder ReceiveFileFromTransferHandler::productFolder() const {
-  return ConfinedFolder(ServiceFolders::productFolder(iAppsPrefs()));
-}
-
-ConfinedFolder ReceiveFileFromTransferHandler::downloadFolder() {
-  return ConfinedFolder(ServiceFolders::downloadFolder());
+std::string ReceiveFileFromTransferHandler::productFolderPath() const {
+  return ServiceFolders::productFolder(iAppsPrefs());
 }
 
 void ReceiveFileFromTransferHandler::recFileFromTransfer(
@@ -94,201 +91,251 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
 
 void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
                                              std::string& workingPath) {
-  const std::string product = ServiceFolders::productFolder(iAppsPrefs());
-  const long long change = Readings::integerValue(file.changeType);
-  const Value::Array list = sharedFilesDefaultsArray();
-  auto first = [&](const char* format, std::vector<Predicate::Argument> arguments) {
-    Value::Array found = SharedFilesList::filter(list, format, std::move(arguments));
-    return found.empty() ? std::optional<Value>() : std::optional<Value>(found.front());
-  };
-  const Predicate::Argument ownerFileId = Readings::objectValue(file.ownerFileId);
-  const std::string name = PathNames::lastPathComponent(local(file.fullPath));
-
-  // Where the item lives on this computer.
-  if (Readings::integerValue(file.isOwnerToSubscriber) == 1) {
-    if (change == 1 && Readings::integerValue(file.prevFolderFileId) != 0) {
-      auto parent = first("(OwnerFileID == %@) AND (Blocked == %@)",
-                          {Readings::objectValue(file.prevFolderFileId), Value("0")});
-      workingPath = parent ? textOf(*parent, "FileName") + "/" + name : "";
-    } else if (change == 1) {
-      auto root = first("(UserComputerMapID==%@ AND OwnerFileID==%@)",
-                        {Readings::objectValue(file.userComputerId), Value("0")});
-      if (root) {
-        workingPath = textOf(*root, "FileName") + "/" + name;
-      } else {
-        workingPath += local(file.fullPath);  // kept: appends to the path before
-      }
-    } else if (auto entry =
-                   first("(OwnerFileID == %@) AND (Blocked == %@)", {ownerFileId, Value("0")})) {
-      workingPath = textOf(*entry, "FileName");
-    }
-  } else {
-    workingPath =
-        ServicesUtilities::convertPathToMac(Readings::formatted(file.fullPathFromFileTable));
-  }
-  if (Readings::integerValue(file.fromCloud) == 1 &&
-      Readings::isEqualToString(file.fromComputerId, file.toComputerId) &&
-      workingPath.rfind('/', 0) == 0) {
-    workingPath = product + workingPath;
-  }
-  if (workingPath.empty()) {
-    const std::string path =
-        product + "/" + Readings::formatted(file.nickName) + local(file.fullPath);
-    const ConfinedFolder folder = productFolder();
-    folder.createDirectories(
-        folder.exists(path) ? path : PathNames::stringByDeletingLastPathComponent(path));
-    workingPath = path;
-  }
-
-  if (change == 1) {
-    if (first("(OwnerFileID == %@ AND MyFile == %@)", {ownerFileId, Value("1")})) {
-      // The item came from this computer: only acknowledged.
-      Log::line("Connection Available......");
-      if (NetWorkConnectionStatus::ConectionStatus()) {
-        acknowledge(file.sharedFileTransferId);
-      } else {
-        Log::line("Connection not available....");
-      }
-    } else {
-      const std::string target =
-          first("(OwnerFileID == %@) AND (Blocked == %@)", {ownerFileId, Value("0")})
-              ? ServicesUtilities::checkDuplicateAndCreate(workingPath, product)
-              : workingPath;
-      if (!target.empty()) {
-        // A target that would leave the product folder is refused here, before
-        // anything is fetched for it.
-        static_cast<void>(productFolder().status(target));
-        std::string temp = target;
-        const std::string prefix = product + "/";
-        if (temp.rfind(prefix, 0) == 0) {
-          temp = ServiceFolders::downloadFolder() + "/" + temp.substr(prefix.size());
-        }
-        const ConfinedFolder download = downloadFolder();
-        std::optional<struct stat> partial = download.status(temp);
-        {
-          std::lock_guard lock(mutex_);
-          finalPath_ = target;
-          tempFilePath_ = temp;
-          fileLength_ = partial ? std::to_string(partial->st_size) : "0";
-        }
-        download.createDirectories(PathNames::stringByDeletingLastPathComponent(temp));
-      }
-      if (file.isOwnerToSubscriber) savePreFerences(file, target);
-      if (!Readings::boolValue(file.isFile)) {
-        const ConfinedFolder folder = productFolder();
-        if (!folder.exists(target)) folder.createDirectories(target);
-        if (!Readings::isEqualToString(file.fromComputerId, file.toComputerId)) {
-          updateFileID(target);
-        }
-      } else if (Readings::integerValue(file.fromCloud) != 1) {
-        if (!finalPath().empty()) {
-          saveUpdateReceiveFile(file);
-        } else {
-          notify();
-        }
-      } else {
-        IsFileExistsInCloudQuery query;
-        query.strFullPath =
-            "\\" + Readings::formatted(file.fromComputerId) + Readings::formatted(file.fullPath);
-        if (NetWorkConnectionStatus::ConectionStatus()) {
-          Log::line("Connection Available......");
-          RestInterface::asyncIsFileExistsInCloud(
-              query,
-              [self = shared_from_this(), file](
-                  const OperationResult<IsFileExistsInCloudResponseData>& result, int status) {
-                self->reportFailures([&] {
-                  if (status != 0 || !result.record) {
-                    self->notify();
-                    return;
-                  }
-                  if (Readings::isEqualToText(result.record->isExists, "True")) {
-                    std::string finalPath;
-                    std::string tempPath;
-                    {
-                      std::lock_guard lock(self->mutex_);
-                      self->isFileExists_ = result.record->isExists ? "true" : "false";
-                      self->sharedFileTransferID_ = file.sharedFileTransferId;
-                    }
-                    if (Readings::isEqualToString(file.fromComputerId, file.toComputerId)) {
-                      finalPath = ServiceFolders::productFolder(self->iAppsPrefs()) + "/" +
-                                  local(file.fullPath);
-                      tempPath = ServiceFolders::downloadFolder() + "/" + local(file.fullPath);
-                      self->productFolder().createDirectories(
-                          PathNames::stringByDeletingLastPathComponent(finalPath));
-                      downloadFolder().createDirectories(
-                          PathNames::stringByDeletingLastPathComponent(tempPath));
-                      std::lock_guard lock(self->mutex_);
-                      self->finalPath_ = finalPath;
-                      self->tempFilePath_ = tempPath;
-                    }
-                    self->saveStreamFile(file);
-                    return;
-                  }
-                  // kept: the acknowledgement names the transfer of the last entry
-                  // that reached a download, not this one.
-                  UpdateFileReceivedQuery ack;
-                  {
-                    std::lock_guard lock(self->mutex_);
-                    ack.sharedFileTransferID = self->sharedFileTransferID_;
-                  }
-                  ack.isFileExists = "True";
-                  RestInterface::asyncUpdateFileReceived(
-                      ack, [self](const OperationResult<UpdateFileReceivedResponseData>& answer,
-                                  int answerStatus) {
-                        if (answerStatus != 0 ||
-                            ReceiveFileFromTransferHandler::statusIsZero(answer, answerStatus))
-                          self->notify();
-                        Log::line("inside  updatefilereceived service *****************");
-                      });
-                });
-              });
-        } else {
-          Log::line("Connection not available...");
-        }
-      }
-    }
-  } else if (change == 2) {
-    const std::string parent = PathNames::stringByDeletingLastPathComponent(workingPath);
-    const std::string from = parent + "/" + name;
-    std::string to = parent + "/" + PathNames::lastPathComponent(local(file.fullPathNew));
-    if (first("(OwnerFileID == %@ AND MyFile == %@ AND FileName == %@)",
-              {ownerFileId, Value("1"), Value(to)})) {
-      acknowledge(file.sharedFileTransferId);
-    } else {
-      to = checkDuplicateAndCreate(to, product);
-      const ConfinedFolder folder = productFolder();
-      try {
-        folder.move(from, folder, to);
-      } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): ignored, as ever
-      }
-      Value::Array changed = SharedFilesList::load(UserDefaults::standardUserDefaults());
-      // kept: the entries renamed are those of the working path, not of the old name.
-      for (const Value& entry :
-           SharedFilesList::filter(changed, "FileName == %@", {Value(workingPath)})) {
-        SharedFilesList::setValueOfEntry(changed, entry, "FileName", to);
-      }
-      setSharedFilesDefaultsArray(changed);
-      SharedFilesList::store(UserDefaults::standardUserDefaults(), changed);
-    }
-  } else if (change == 3 && file.ownerFileId) {
-    Value::Array changed = SharedFilesList::load(UserDefaults::standardUserDefaults());
-    const char* format = Readings::isEqualToString(file.isFile, "True")
-                             ? "FileName == %@"
-                             : "FileName BEGINSWITH[c] %@";
-    Value::Array gone = SharedFilesList::filter(changed, format, {Value(workingPath)});
-    std::erase_if(changed, [&](const Value& entry) {
-      return std::find(gone.begin(), gone.end(), entry) != gone.end();
+  const EntryPlacement placement =
+      EntryPlacement::of(file, sharedFilesDefaultsArray(), productFolderPath(), workingPath);
+  workingPath = placement.workingPath;
+  if (placement.builtFromNickName) {
+    // The item's folder, or the folder that is to hold it.
+    const ConfinedFolder product(productFolderPath());
+    const bool there = exists(product, workingPath);
+    ignoringErrors([&] {
+      product.createDirectories(there ? workingPath
+                                      : PathNames::stringByDeletingLastPathComponent(workingPath));
     });
-    const ConfinedFolder folder = productFolder();
-    if (folder.exists(workingPath)) folder.remove(workingPath);
-    setSharedFilesDefaultsArray(changed);
-    SharedFilesList::store(UserDefaults::standardUserDefaults(), changed);
   }
-
+  switch (Readings::integerValue(file.changeType)) {
+    case 1:
+      receiveAddition(file, workingPath);
+      break;
+    case 2:
+      receiveRename(file, workingPath);
+      break;
+    case 3:
+      if (file.ownerFileId) receiveDelete(file, workingPath);
+      break;
+    default:
+      break;
+  }
   // kept: a folder of an own item and an own rename are acknowledged twice.
+  const long long change = Readings::integerValue(file.changeType);
   if (change == 2 || change == 3 || !Readings::boolValue(file.isFile)) {
     acknowledge(file.sharedFileTransferId);
   }
+}
+
+void ReceiveFileFromTransferHandler::receiveAddition(const RecFileFromTransfer& file,
+                                                     const std::string& workingPath) {
+  const Value::Array list = sharedFilesDefaultsArray();
+  const Predicate::Argument ownerFileId = Readings::objectValue(file.ownerFileId);
+  if (!SharedFilesList::filter(list, "(OwnerFileID == %@ AND MyFile == %@)",
+                               {ownerFileId, Value("1")})
+           .empty()) {
+    // The item came from this computer: only acknowledged.
+    Log::line("Connection Available......");  // kept: logged before the test
+    if (NetWorkConnectionStatus::ConectionStatus()) {
+      acknowledge(file.sharedFileTransferId);
+    } else {
+      Log::line("Connection not available....");
+    }
+    return;
+  }
+  const bool isFile = Readings::boolValue(file.isFile);
+  // A file already being received, by this pass or another, waits for a later
+  // cycle: the server lists it again until it is acknowledged.
+  std::optional<TransferClaims::Claim> claim =
+      isFile ? TransferClaims::claim({TransferClaims::downloadKey(workingPath)})
+             : std::optional<TransferClaims::Claim>(TransferClaims::Claim());
+  if (!claim) {
+    Log::printf("Left for a later cycle: %s is being received already", workingPath.c_str());
+    notify();
+    return;
+  }
+  const std::string product = productFolderPath();
+  const bool unblocked = !SharedFilesList::filter(list, "(OwnerFileID == %@) AND (Blocked == %@)",
+                                                  {ownerFileId, Value("0")})
+                              .empty();
+  const std::string target =
+      unblocked ? ServicesUtilities::checkDuplicateAndCreate(workingPath, product) : workingPath;
+  std::shared_ptr<Download> download;
+  if (!target.empty()) {
+    // A target that would leave the product folder is refused here, before
+    // anything is fetched for it.
+    static_cast<void>(ConfinedFolder(product).status(target));
+    download = prepareDownload(file, target, std::move(*claim));
+    if (isFile && !download) {
+      notify();
+      return;
+    }
+  }
+  if (file.isOwnerToSubscriber) savePreFerences(file, target);
+  if (!isFile) {
+    const ConfinedFolder folder(product);
+    if (!exists(folder, target)) ignoringErrors([&] { folder.createDirectories(target); });
+    // A folder that could not be made has no file number to record, and holds
+    // up none of the entries after it.
+    if (!Readings::isEqualToString(file.fromComputerId, file.toComputerId) &&
+        exists(folder, target)) {
+      updateFileID(target);
+    }
+  } else if (Readings::integerValue(file.fromCloud) != 1) {
+    if (download) {
+      saveUpdateReceiveFile(file, download);
+    } else {
+      notify();
+    }
+  } else {
+    askCloud(file, download);
+  }
+}
+
+std::shared_ptr<Download> ReceiveFileFromTransferHandler::prepareDownload(
+    const RecFileFromTransfer& file, const std::string& target, TransferClaims::Claim claim) {
+  // Only files are fetched; a folder needs no partial file.
+  if (!Readings::boolValue(file.isFile)) return nullptr;
+  const std::string product = productFolderPath();
+  const std::string partial =
+      EntryPlacement::partialPath(target, product, ServiceFolders::downloadFolder());
+  std::optional<ConfinedFolder> download;
+  try {
+    download.emplace(ConfinedFolder::privateFolder(ServiceFolders::downloadFolder()));
+  } catch (const std::exception& refused) {
+    Log::printf("Nothing is downloaded: %s", refused.what());
+    return nullptr;
+  }
+  // Resumes from what an earlier attempt left.
+  std::optional<struct stat> left;
+  ignoringErrors([&] { left = download->status(partial); });
+  ignoringErrors(
+      [&] { download->createDirectories(PathNames::stringByDeletingLastPathComponent(partial)); });
+  if (!claim.extend({TransferClaims::downloadKey(target), TransferClaims::downloadKey(partial)})) {
+    Log::printf("Left for a later cycle: %s is being received already", target.c_str());
+    return nullptr;
+  }
+  auto made = std::make_shared<Download>(
+      Readings::integerValue(file.fromCloud) == 1 ? Download::Source::kCloud
+                                                  : Download::Source::kComputer,
+      partial, target, left ? static_cast<std::uint64_t>(left->st_size) : 0,
+      ConfinedFolder(product), std::move(*download), std::move(claim));
+  made->sharedFileTransferID = file.sharedFileTransferId;
+  made->savedFileID = file.savedFileId;
+  std::lock_guard lock(mutex_);
+  lastDownload_ = made;
+  return made;
+}
+
+void ReceiveFileFromTransferHandler::askCloud(const RecFileFromTransfer& file,
+                                              std::shared_ptr<Download> download) {
+  IsFileExistsInCloudQuery query;
+  query.strFullPath =
+      "\\" + Readings::formatted(file.fromComputerId) + Readings::formatted(file.fullPath);
+  if (!NetWorkConnectionStatus::ConectionStatus()) {
+    Log::line("Connection not available...");
+    return;
+  }
+  Log::line("Connection Available......");
+  RestInterface::asyncIsFileExistsInCloud(
+      query, [self = shared_from_this(), file, download = std::move(download)](
+                 const OperationResult<IsFileExistsInCloudResponseData>& result, int status) {
+        self->reportFailures([&] { self->cloudAnswered(file, download, result, status); });
+      });
+}
+
+void ReceiveFileFromTransferHandler::cloudAnswered(
+    const RecFileFromTransfer& file, const std::shared_ptr<Download>& download,
+    const OperationResult<IsFileExistsInCloudResponseData>& result, int status) {
+  if (status != 0 || !result.record) {
+    notify();
+    return;
+  }
+  if (Readings::isEqualToText(result.record->isExists, "True")) {
+    {
+      std::lock_guard lock(mutex_);
+      sharedFileTransferID_ = file.sharedFileTransferId;
+    }
+    if (download && Readings::isEqualToString(file.fromComputerId, file.toComputerId)) {
+      // A copy coming back to the computer it came from goes to its own path.
+      const std::string finalPath =
+          productFolderPath() + "/" + EntryPlacement::local(file.fullPath);
+      const std::string partial =
+          ServiceFolders::downloadFolder() + "/" + EntryPlacement::local(file.fullPath);
+      const ConfinedFolder product(productFolderPath());
+      ignoringErrors([&] {
+        product.createDirectories(PathNames::stringByDeletingLastPathComponent(finalPath));
+      });
+      ignoringErrors([&] {
+        ConfinedFolder::privateFolder(ServiceFolders::downloadFolder())
+            .createDirectories(PathNames::stringByDeletingLastPathComponent(partial));
+      });
+      if (!download->relocate(partial, finalPath)) {
+        Log::printf("Left for a later cycle: %s is being received already", finalPath.c_str());
+        notify();
+        return;
+      }
+    }
+    if (download) {
+      saveStreamFile(file, download);
+    } else {
+      notify();
+    }
+    return;
+  }
+  // kept: the acknowledgement names the transfer of the last entry that reached
+  // a download, not this one.
+  UpdateFileReceivedQuery ack;
+  {
+    std::lock_guard lock(mutex_);
+    ack.sharedFileTransferID = sharedFileTransferID_;
+  }
+  ack.isFileExists = "True";
+  RestInterface::asyncUpdateFileReceived(
+      ack, [self = shared_from_this()](
+               const OperationResult<UpdateFileReceivedResponseData>& answer, int answerStatus) {
+        self->reportFailures([&] {
+          if (answerStatus != 0 || statusIsZero(answer, answerStatus)) self->notify();
+        });
+        Log::line("inside  updatefilereceived service *****************");
+      });
+}
+
+void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& file,
+                                                   const std::string& workingPath) {
+  const std::string parent = PathNames::stringByDeletingLastPathComponent(workingPath);
+  const std::string from =
+      parent + "/" + PathNames::lastPathComponent(EntryPlacement::local(file.fullPath));
+  std::string to =
+      parent + "/" + PathNames::lastPathComponent(EntryPlacement::local(file.fullPathNew));
+  Value::Array list = sharedFilesDefaultsArray();
+  if (!SharedFilesList::filter(list, "(OwnerFileID == %@ AND MyFile == %@ AND FileName == %@)",
+                               {Readings::objectValue(file.ownerFileId), Value("1"), Value(to)})
+           .empty()) {
+    acknowledge(file.sharedFileTransferId);
+    return;
+  }
+  const std::string product = productFolderPath();
+  to = checkDuplicateAndCreate(to, product);
+  const ConfinedFolder folder(product);
+  ignoringErrors([&] { folder.move(from, folder, to); });
+  // kept: the entries renamed are those of the working path, not of the old name.
+  for (const Value& entry : SharedFilesList::filter(list, "FileName == %@", {Value(workingPath)})) {
+    SharedFilesList::setValueOfEntry(list, entry, "FileName", to);
+  }
+  setSharedFilesDefaultsArray(list);
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+}
+
+void ReceiveFileFromTransferHandler::receiveDelete(const RecFileFromTransfer& file,
+                                                   const std::string& workingPath) {
+  Value::Array list = sharedFilesDefaultsArray();
+  const char* format = Readings::isEqualToString(file.isFile, "True") ? "FileName == %@"
+                                                                      : "FileName BEGINSWITH[c] %@";
+  Value::Array gone = SharedFilesList::filter(list, format, {Value(workingPath)});
+  std::erase_if(list, [&](const Value& entry) {
+    return std::find(gone.begin(), gone.end(), entry) != gone.end();
+  });
+  const ConfinedFolder folder(productFolderPath());
+  if (exists(folder, workingPath)) ignoringErrors([&] { folder.remove(workingPath); });
+  setSharedFilesDefaultsArray(list);
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
 }
 
 void ReceiveFileFromTransferHandler::acknowledge(const WireValue& transfer) {
@@ -363,16 +410,14 @@ void ReceiveFileFromTransferHandler::updateFileID(const std::string& path) {
   if (::lstat(path.c_str(), &attributes) != 0) {
     throw std::system_error(errno, std::generic_category(), "no file number for " + path);
   }
-  UserDefaults& defaults = UserDefaults::standardUserDefaults();
-  Value::Array list = SharedFilesList::load(defaults);
+  Value::Array list = sharedFilesDefaultsArray();
   Value::Array named = SharedFilesList::filter(list, "(FileName == %@)", {Value(path)});
   if (!named.empty()) {
     SharedFilesList::setValueOfEntry(list, named.front(), "FileID",
                                      std::to_string(attributes.st_ino));
   }
   setSharedFilesDefaultsArray(list);
-  SharedFilesList::store(defaults, list);
-  defaults.synchronize();
+  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
 }
 
 void ReceiveFileFromTransferHandler::clearTemp(const std::string& path) {
@@ -383,7 +428,7 @@ void ReceiveFileFromTransferHandler::clearTemp(const std::string& path) {
   }
   const std::string folder =
       ServiceFolders::downloadFolder() + "/" + std::next(component)->string();
-  const ConfinedFolder download = downloadFolder();
+  const ConfinedFolder download(ServiceFolders::downloadFolder());
   if (!download.holds(folder) || std::next(component)->string() == "..") {
     throw std::runtime_error("refused to empty " + folder);
   }
@@ -408,7 +453,7 @@ void ReceiveFileFromTransferHandler::renameFileWithName(const std::string& name,
   try {
     // Through the product folder's facade, which refuses both names when they
     // lie outside it.
-    const ConfinedFolder folder = productFolder();
+    const ConfinedFolder folder(productFolderPath());
     folder.move(from, folder, to);
   } catch (const std::exception& error) {
     Log::printf("There is an Error: %s", error.what());
@@ -441,22 +486,17 @@ void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(Value::Array li
   sharedFilesDefaultsArray_ = std::move(list);
 }
 
-bool ReceiveFileFromTransferHandler::checkTaskIs(const char* task) const {
-  std::lock_guard lock(mutex_);
-  return checkTask_ == task;
-}
-
 std::string ReceiveFileFromTransferHandler::finalPath() const {
   std::lock_guard lock(mutex_);
-  return finalPath_;
+  return lastDownload_ ? lastDownload_->finalPath() : "";
 }
 
 std::string ReceiveFileFromTransferHandler::tempFilePath() const {
   std::lock_guard lock(mutex_);
-  return tempFilePath_;
+  return lastDownload_ ? lastDownload_->partialPath() : "";
 }
 
 std::string ReceiveFileFromTransferHandler::fileLength() const {
   std::lock_guard lock(mutex_);
-  return fileLength_;
+  return lastDownload_ ? lastDownload_->fileLength() : "0";
 }

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,23 +14,27 @@
 #include "Platform/URLSessionDelegate.h"
 #include "Platform/Value.h"
 #include "Services/OperationResult.h"
+#include "Services/Records/IsFileExistsInCloudResponseData.h"
 #include "Services/Records/RecFileFromTransfer.h"
+#include "SharedFilesXpcService/Download.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
-
-class ConfinedFolder;
+#include "SharedFilesXpcService/TransferClaims.h"
 
 // Receives the files the server has for this computer and places them in the
 // product folder, recording each in the shared-files list. One handler per
 // service object, made when a reply first lists files to receive, and kept.
 //
-// A receive pass walks the entries in order: it works out each item's local path,
-// makes folders, renames, moves and deletes items, keeps the list in step,
-// starts downloads and acknowledges what it handled. A download streams its
-// bytes into a partial file under the download folder, is flushed and moved
-// into place without replacing anything, and is then acknowledged. Every write
-// goes through the two confined folders; a path that would leave them ends the
-// pass by its guard. The download state below is one set, overwritten by each
-// file entry: one download is in flight at a time, as the cycle waits for it.
+// A receive pass walks the entries in order: it works out each item's local path
+// (EntryPlacement), makes folders, renames, moves and deletes items, keeps the
+// list in step, starts downloads and acknowledges what it handled. Each file
+// entry that reaches its download step gets a Download of its own, so several
+// may run at once without one file's bytes reaching another's partial file; a
+// file already being received anywhere in the process waits for a later cycle.
+// A download is flushed and moved into place without replacing anything, and
+// only then acknowledged. Every write goes through the two confined folders; a
+// path that would leave them ends the pass by its guard. Other file-system
+// errors are ignored, except that a finished file that cannot be placed is not
+// acknowledged, so that a later cycle places it.
 class ReceiveFileFromTransferHandler
     : public URLSessionDelegate,
       public URLConnectionDelegate,
@@ -44,10 +49,10 @@ class ReceiveFileFromTransferHandler
   // is logged and reported, and notifies. An empty list notifies nobody.
   void recFileFromTransfer(const std::vector<RecFileFromTransfer>& files);
 
-  // The two downloads: from the cloud (started on the default-priority queue)
-  // and from another computer (on the calling thread).
-  void saveStreamFile(const RecFileFromTransfer& file);
-  void saveUpdateReceiveFile(const RecFileFromTransfer& file);
+  // The two downloads of `download`: from the cloud (started on the
+  // default-priority queue) and from another computer (on the calling thread).
+  void saveStreamFile(const RecFileFromTransfer& file, std::shared_ptr<Download> download);
+  void saveUpdateReceiveFile(const RecFileFromTransfer& file, std::shared_ptr<Download> download);
   // Acknowledges `file` (its completion only logs); no flow calls it.
   void updateReceivedCall(const RecFileFromTransfer& file);
 
@@ -59,8 +64,9 @@ class ReceiveFileFromTransferHandler
   // Throws ValueError when a value the entry needs is absent or of a kind a list
   // cannot hold.
   void savePreFerences(const RecFileFromTransfer& file, const std::string& path);
-  // Records the file number of the item at `path` in the first entry naming that
-  // path and stores the list. Throws std::system_error when there is no such item.
+  // Records the file number of the item at `path` in the first entry of the
+  // handler's list naming that path and stores the list. Throws
+  // std::system_error when there is no such item.
   void updateFileID(const std::string& path);
   // Empties the download folder named by the component after "TallowboxTemp" in
   // `path`. Throws std::runtime_error when `path` names none.
@@ -74,6 +80,7 @@ class ReceiveFileFromTransferHandler
 
   Value::Dictionary iAppsPrefs() const;
   Value::Array sharedFilesDefaultsArray() const;
+  // The paths and resume length of the download made last ("" and "0" before any).
   std::string finalPath() const;
   std::string tempFilePath() const;
   std::string fileLength() const;
@@ -88,44 +95,57 @@ class ReceiveFileFromTransferHandler
   void didFailWithError(URLConnection& connection, const PlatformError& error) override;
 
  private:
-  // Whether a server answer came with status 0 and a "ReturnStatus" of 0.
+  // Whether a server answer came with status 0 and a "ReturnStatus" of 0. Throws
+  // ValueError when "ReturnStatus" holds no integer value.
   template <class Record>
   static bool statusIsZero(const OperationResult<Record>& result, int status) {
     return status == 0 && result.record && Readings::integerValue(result.record->ReturnStatus) == 0;
   }
 
   void notify() const;
-  bool checkTaskIs(const char* task) const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
   void setIAppsPrefs(Value::Dictionary prefs);
   void setSharedFilesDefaultsArray(Value::Array list);
+  std::string productFolderPath() const;
+
   // One entry of a pass; `workingPath` carries over from the entry before.
   void receive(const RecFileFromTransfer& file, std::string& workingPath);
+  // The steps of an added or changed item, a rename and a delete.
+  void receiveAddition(const RecFileFromTransfer& file, const std::string& workingPath);
+  void receiveRename(const RecFileFromTransfer& file, const std::string& workingPath);
+  void receiveDelete(const RecFileFromTransfer& file, const std::string& workingPath);
+  // The download of a file entry bound for `target`, made in the download
+  // folder; nullptr (logged) when another download holds its paths or the
+  // download folder is refused.
+  std::shared_ptr<Download> prepareDownload(const RecFileFromTransfer& file,
+                                            const std::string& target, TransferClaims::Claim claim);
+  // Asks the cloud whether it has `file`, then fetches it.
+  void askCloud(const RecFileFromTransfer& file, std::shared_ptr<Download> download);
+  void cloudAnswered(const RecFileFromTransfer& file, const std::shared_ptr<Download>& download,
+                     const OperationResult<IsFileExistsInCloudResponseData>& result, int status);
   // Sends UpdateFileReceived for `transfer`; ReturnStatus 0 notifies.
   void acknowledge(const WireValue& transfer);
-  void startAsyncDownloadWithStreamRequest(const std::string& url, const std::string& postData);
+
+  void startAsyncDownloadWithStreamRequest(const std::string& url, const std::string& postData,
+                                           std::shared_ptr<Download> download);
+  // The download of a running task or connection; `take` forgets it.
+  std::shared_ptr<Download> running(const void* transfer, bool take = false);
   // A chunk of the answer, appended to the partial file; false when it failed.
-  bool chunkArrived(const std::string& data);
-  void finished();
-  void failed(const PlatformError& error);
+  bool chunkArrived(Download& download, const std::string& data);
+  void finished(const std::shared_ptr<Download>& download);
+  void failed(const std::shared_ptr<Download>& download, const PlatformError& error);
   // Runs `work` outside the pass (a download's end, a server answer); what it
   // throws is reported to the server, as the pass's guard would.
   void reportFailures(const std::function<void()>& work);
-
-  // The two folders every write goes through, for the current preferences.
-  ConfinedFolder productFolder() const;
-  static ConfinedFolder downloadFolder();
 
   mutable std::mutex mutex_;  // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;
   Value::Dictionary iAppsPrefs_;
   Value::Array sharedFilesDefaultsArray_;
-  std::string checkTask_;
-  std::string finalPath_;
-  std::string tempFilePath_;
-  std::string fileLength_ = "0";
+  // The last download made, for finalPath(), tempFilePath() and fileLength().
+  std::shared_ptr<const Download> lastDownload_;
+  // The transfer of the last cloud entry that reached its download.
   WireValue sharedFileTransferID_;
-  WireValue savedfileId_;
-  std::optional<std::string> isFileExists_;
-  std::shared_ptr<URLSessionTask> task_;  // the session download in flight
+  // Downloads in flight, by their task or connection.
+  std::map<const void*, std::shared_ptr<Download>> running_;
 };

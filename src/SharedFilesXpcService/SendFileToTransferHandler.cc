@@ -296,14 +296,42 @@ void SendFileToTransferHandler::startAsyncUploadWithStreamRequest(
     const std::optional<URLRequest>& request) {
   Log::printf("request in async task is%s", request ? describe(*request).c_str() : "(null)");
   if (!request) return;
+  // One upload of a transfer at a time in the whole process; the server lists
+  // the transfer again until it has it.
+  const std::string transfer = request->valueForHTTPHeaderField("SharedFileTransferID");
+  std::optional<TransferClaims::Claim> claim =
+      TransferClaims::claim({TransferClaims::uploadKey(transfer)});
+  if (!claim) {
+    Log::printf("Left for a later cycle: transfer %s is being sent already", transfer.c_str());
+    notify();
+    return;
+  }
   if (ServicesUtilities::isLessThan10_10()) {
-    URLConnection::create(*request, shared_from_this(), false)->start();
+    auto connection = URLConnection::create(*request, shared_from_this(), false);
+    claimFor(connection.get(), std::move(*claim));
+    connection->start();
     return;
   }
   auto session =
       URLSession::sessionWithConfiguration(URLSessionConfiguration::defaultSessionConfiguration(),
                                            std::weak_ptr<URLSessionDelegate>(shared_from_this()));
-  session->uploadTaskWithStreamedRequest(*request)->resume();
+  auto task = session->uploadTaskWithStreamedRequest(*request);
+  claimFor(task.get(), std::move(*claim));
+  task->resume();
+}
+
+void SendFileToTransferHandler::claimFor(const void* upload, TransferClaims::Claim claim) {
+  std::lock_guard lock(mutex_);
+  uploading_[upload] = std::move(claim);
+}
+
+void SendFileToTransferHandler::uploadEnded(const void* upload) {
+  TransferClaims::Claim ended;
+  std::lock_guard lock(mutex_);
+  if (auto it = uploading_.find(upload); it != uploading_.end()) {
+    ended = std::move(it->second);
+    uploading_.erase(it);
+  }
 }
 
 void SendFileToTransferHandler::answerArrived(const std::string& data) const {
@@ -364,6 +392,7 @@ void SendFileToTransferHandler::didCompleteWithError(URLSessionTask& task,
     Log::printf("response is......%s", describe(response->headers).c_str());
   }
   Log::printf("errror is*************%s", error ? error->description().c_str() : "(null)");
+  uploadEnded(&task);
   if (!error && userType() == "Cloud") {
     // kept: the follow-ups report the record stored last, whichever task ended.
     const FileToTransfer last = fileToTransfer();
@@ -376,10 +405,12 @@ void SendFileToTransferHandler::didCompleteWithError(URLSessionTask& task,
 void SendFileToTransferHandler::connectionDidFinishLoading(URLConnection& connection) {
   // kept: the connection interface runs no follow-ups and notifies only on failure.
   connection.cancel();
+  uploadEnded(&connection);
 }
 
 void SendFileToTransferHandler::didFailWithError(URLConnection& connection,
                                                  const PlatformError& /*error*/) {
+  uploadEnded(&connection);
   notify();
   connection.cancel();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <exception>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,6 +14,7 @@
 #include "Platform/Value.h"
 #include "Services/Records/FileToTransfer.h"
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
+#include "SharedFilesXpcService/TransferClaims.h"
 
 // Sends the files the server asks this computer for. One handler per service
 // object, made when a reply first lists files to send, and kept.
@@ -84,6 +86,9 @@ class SendFileToTransferHandler : public URLSessionDelegate,
   void endRecordOnFailure(const std::function<void()>& work) const;
   // The answer of an upload: "ReturnStatus" "0" notifies.
   void answerArrived(const std::string& data) const;
+  // Keeps the claim of an upload in flight, by its task or connection, until it ends.
+  void claimFor(const void* upload, TransferClaims::Claim claim);
+  void uploadEnded(const void* upload);
   // Where the pass finds the local file of `file`; empty when it finds none.
   static std::string localFileOf(const FileToTransfer& file);
 
@@ -94,4 +99,5 @@ class SendFileToTransferHandler : public URLSessionDelegate,
   WireValue bytePos_;
   std::weak_ptr<SendFileToTransferDelegate> delegate_;
   Value::Array sharedFilesDefaultsArray_;
+  std::map<const void*, TransferClaims::Claim> uploading_;
 };

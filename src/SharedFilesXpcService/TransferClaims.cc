@@ -1,0 +1,74 @@
+#include "SharedFilesXpcService/TransferClaims.h"
+
+#include <algorithm>
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace {
+
+struct Held {
+  std::mutex mutex;
+  std::set<std::string> keys;  // guarded by mutex
+};
+
+// Never destroyed: a claim may be released while the process exits.
+Held& held() {
+  static auto* keys = new Held;
+  return *keys;
+}
+
+// Takes every key of `keys` (duplicates count once), or none of them.
+bool take(const std::vector<std::string>& keys) {
+  Held& all = held();
+  std::lock_guard lock(all.mutex);
+  if (std::any_of(keys.begin(), keys.end(), [&](const auto& key) { return all.keys.count(key); })) {
+    return false;
+  }
+  all.keys.insert(keys.begin(), keys.end());
+  return true;
+}
+
+}  // namespace
+
+TransferClaims::Claim::~Claim() { release(); }
+
+TransferClaims::Claim::Claim(Claim&& other) noexcept : keys_(std::move(other.keys_)) {
+  other.keys_.clear();
+}
+
+TransferClaims::Claim& TransferClaims::Claim::operator=(Claim&& other) noexcept {
+  if (this != &other) {
+    release();
+    keys_ = std::move(other.keys_);
+    other.keys_.clear();
+  }
+  return *this;
+}
+
+bool TransferClaims::Claim::extend(const std::vector<std::string>& keys) {
+  std::vector<std::string> fresh;
+  for (const std::string& key : keys) {
+    if (std::find(keys_.begin(), keys_.end(), key) == keys_.end() &&
+        std::find(fresh.begin(), fresh.end(), key) == fresh.end()) {
+      fresh.push_back(key);
+    }
+  }
+  if (!take(fresh)) return false;
+  keys_.insert(keys_.end(), fresh.begin(), fresh.end());
+  return true;
+}
+
+void TransferClaims::Claim::release() {
+  if (keys_.empty()) return;
+  Held& all = held();
+  std::lock_guard lock(all.mutex);
+  for (const std::string& key : keys_) all.keys.erase(key);
+  keys_.clear();
+}
+
+std::optional<TransferClaims::Claim> TransferClaims::claim(const std::vector<std::string>& keys) {
+  Claim claim;
+  if (!claim.extend(keys)) return std::nullopt;
+  return claim;
+}
