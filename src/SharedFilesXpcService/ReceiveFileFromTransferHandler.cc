@@ -160,7 +160,7 @@ void ReceiveFileFromTransferHandler::receiveAddition(const RecFileFromTransfer& 
   if (!target.empty()) {
     // A target that would leave the product folder is refused here, before
     // anything is fetched for it.
-    static_cast<void>(ConfinedFolder(product).status(target));
+    ignoringErrors([&] { static_cast<void>(ConfinedFolder(product).status(target)); });
     download = prepareDownload(file, target, std::move(*claim));
     if (isFile && !download) {
       notify();
@@ -202,11 +202,17 @@ std::shared_ptr<Download> ReceiveFileFromTransferHandler::prepareDownload(
     Log::printf("Nothing is downloaded: %s", refused.what());
     return nullptr;
   }
-  // Resumes from what an earlier attempt left.
-  std::optional<struct stat> left;
-  ignoringErrors([&] { left = download->status(partial); });
   ignoringErrors(
       [&] { download->createDirectories(PathNames::stringByDeletingLastPathComponent(partial)); });
+  // Resumes from what an earlier attempt left.
+  std::optional<struct stat> left;
+  try {
+    left = download->status(partial);
+  } catch (const std::system_error& error) {
+    // A name the file system cannot hold: nothing could be written for it.
+    Log::printf("Nothing is downloaded for %s: %s", target.c_str(), error.what());
+    return nullptr;
+  }
   if (!claim.extend({TransferClaims::downloadKey(target), TransferClaims::downloadKey(partial)})) {
     Log::printf("Left for a later cycle: %s is being received already", target.c_str());
     return nullptr;

@@ -8,6 +8,7 @@
 #include "Platform/UserDefaults.h"
 #include "Platform/ValueError.h"
 #include "Services/ServicesUtilities.h"
+#include "SharedFilesXpcService/EntryPlacement.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
 #include "support/LogCapture.h"
@@ -21,6 +22,110 @@ namespace {
 std::string contents(const fs::path& path) {
   std::ifstream in(path);
   return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A received entry with the given fields (text values as the server sends them).
+RecFileFromTransfer received(std::initializer_list<std::pair<const char*, const char*>> fields) {
+  RecFileFromTransfer file;
+  for (const auto& [key, text] : fields) {
+    WireValue value = nlohmann::json(text);
+    const std::string name = key;
+    if (name == "ChangeType") file.changeType = value;
+    if (name == "IsOwnerToSubscriber") file.isOwnerToSubscriber = value;
+    if (name == "PrevFolderFileID") file.prevFolderFileId = value;
+    if (name == "UserComputerID") file.userComputerId = value;
+    if (name == "OwnerFileID") file.ownerFileId = value;
+    if (name == "FullPath") file.fullPath = value;
+    if (name == "FullPathFromFileTable") file.fullPathFromFileTable = value;
+    if (name == "NickName") file.nickName = value;
+    if (name == "FromCloud") file.fromCloud = value;
+    if (name == "FromComputerID") file.fromComputerId = value;
+    if (name == "ToComputerID") file.toComputerId = value;
+  }
+  return file;
+}
+
+TEST(EntryPlacementTest, LocalPathFollowsTheListAndInheritsThePathOfTheEntryBefore) {
+  const Value::Array list = {Value(Value::Dictionary{{"OwnerFileID", "0"},
+                                                     {"UserComputerMapID", "M1"},
+                                                     {"FileName", "/h/Tallowbox/Ann (Shared)"},
+                                                     {"Blocked", "0"}}),
+                             Value(Value::Dictionary{{"OwnerFileID", "71"},
+                                                     {"UserComputerMapID", "M1"},
+                                                     {"FileName", "/h/Tallowbox/Ann (Shared)/Docs"},
+                                                     {"Blocked", "0"}}),
+                             Value(Value::Dictionary{{"OwnerFileID", "72"},
+                                                     {"UserComputerMapID", "M1"},
+                                                     {"FileName", "/h/Tallowbox/Ann (Shared)/Held"},
+                                                     {"Blocked", "1"}})};
+  const std::string product = "/h/Tallowbox";
+  auto placed = [&](const RecFileFromTransfer& file, const std::string& before) {
+    return EntryPlacement::of(file, list, product, before);
+  };
+  // In the owner's root folder, and in a folder of it.
+  EXPECT_EQ(placed(received({{"ChangeType", "1"},
+                             {"IsOwnerToSubscriber", "1"},
+                             {"PrevFolderFileID", "0"},
+                             {"UserComputerID", "M1"},
+                             {"FullPath", "Docs\\a.txt"}}),
+                   "")
+                .workingPath,
+            "/h/Tallowbox/Ann (Shared)/a.txt");
+  EXPECT_EQ(placed(received({{"ChangeType", "1"},
+                             {"IsOwnerToSubscriber", "1"},
+                             {"PrevFolderFileID", "71"},
+                             {"FullPath", "Docs\\b.txt"}}),
+                   "")
+                .workingPath,
+            "/h/Tallowbox/Ann (Shared)/Docs/b.txt");
+  // An owner's root that is not in the list: the path of the entry before, with
+  // this one's appended.
+  EXPECT_EQ(placed(received({{"ChangeType", "1"},
+                             {"IsOwnerToSubscriber", "1"},
+                             {"PrevFolderFileID", "0"},
+                             {"UserComputerID", "M9"},
+                             {"FullPath", "Docs\\c.txt"}}),
+                   "/h/Tallowbox/Ann (Shared)/a.txt")
+                .workingPath,
+            "/h/Tallowbox/Ann (Shared)/a.txtDocs/c.txt");
+  // A folder that is blocked: the path is built from the owner's nick name.
+  EntryPlacement blocked = placed(received({{"ChangeType", "1"},
+                                            {"IsOwnerToSubscriber", "1"},
+                                            {"PrevFolderFileID", "72"},
+                                            {"NickName", "Ann"},
+                                            {"FullPath", "\\Held\\d.txt"}}),
+                                  "/h/Tallowbox/Ann (Shared)/a.txt");
+  EXPECT_EQ(blocked.workingPath, "/h/Tallowbox/Ann/Held/d.txt");
+  EXPECT_TRUE(blocked.builtFromNickName);
+  // A rename of an item the list does not hold keeps the path before.
+  EXPECT_EQ(
+      placed(received({{"ChangeType", "2"}, {"IsOwnerToSubscriber", "1"}, {"OwnerFileID", "F7"}}),
+             "/h/Tallowbox/Ann (Shared)/a.txt")
+          .workingPath,
+      "/h/Tallowbox/Ann (Shared)/a.txt");
+  // From the server's file table; a cloud copy back to its own computer.
+  EXPECT_EQ(
+      placed(received({{"ChangeType", "1"}, {"FullPathFromFileTable", "h\\Tallowbox\\x"}}), "")
+          .workingPath,
+      "/h/Tallowbox/x");
+  EXPECT_EQ(placed(received({{"ChangeType", "1"},
+                             {"FullPathFromFileTable", "Docs\\y"},
+                             {"FromCloud", "1"},
+                             {"FromComputerID", "C1"},
+                             {"ToComputerID", "C1"}}),
+                   "")
+                .workingPath,
+            "/h/Tallowbox/Docs/y");
+}
+
+TEST(EntryPlacementTest, PartialFileMirrorsTheTargetBelowTheDownloadFolder) {
+  EXPECT_EQ(EntryPlacement::partialPath("/h/Tallowbox/Ann (Shared)/a.txt", "/h/Tallowbox",
+                                        "/t/TallowboxTemp"),
+            "/t/TallowboxTemp/Ann (Shared)/a.txt");
+  EXPECT_EQ(
+      EntryPlacement::partialPath("/h/TallowboxOld/a.txt", "/h/Tallowbox", "/t/TallowboxTemp"),
+      "/h/TallowboxOld/a.txt")
+      << "only the product folder itself is replaced";
 }
 
 TEST(PathNamesTest, ComponentsAndExtensionsFollowThePlatformRules) {

@@ -366,3 +366,27 @@ TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheP
   EXPECT_TRUE(log.waitFor("responseData = <html>busy</html>"));
   EXPECT_EQ(path, handler->strFileNameToSend());
 }
+
+TEST_F(SendFileToTransferHandlerTest, TransferBeingSentIsNotSentAgainByAnotherPeerUntilItEnds) {
+  LogCapture log;
+  const std::string path = sharedFile("F1", 300000);
+  server.state().merge({{"faults", {{"holdUploadAnswers", true}}}});
+  handler->FileToTransferMethod({record(aFile("T1", "F1", "0"))});
+  ASSERT_TRUE(waitUntil([&] { return stored("transfers", "T1")["length"] == 300000; }));
+
+  // Another peer's service object is asked for the same transfer meanwhile.
+  auto other = std::make_shared<SendFileToTransferHandler>();
+  auto otherDelegate = std::make_shared<CountingDelegate>();
+  other->setDelegate(otherDelegate);
+  other->FileToTransferMethod({record(aFile("T1", "F1", "0"))});
+  ASSERT_TRUE(log.waitFor("Left for a later cycle: transfer T1 is being sent already"));
+  EXPECT_TRUE(waitUntil([&] { return otherDelegate->notified == 1; })) << "its record ends";
+
+  server.state().merge({{"faults", {{"holdUploadAnswers", nullptr}}}});
+  ASSERT_TRUE(notifiedAtLeast(2)) << "the first upload's answer and completion";
+  // Once it has ended, the transfer may be sent again.
+  other->FileToTransferMethod({record(aFile("T1", "F1", "0"))});
+  ASSERT_TRUE(waitUntil([&] { return otherDelegate->notified >= 3; }));
+  EXPECT_EQ(server.requestsFor(kToComputer).size(), 2U);
+  EXPECT_EQ(stored("transfers", "T1")["sha256"], sha256Of(path));
+}
