@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <set>
 #include <system_error>
 
@@ -32,10 +34,29 @@ std::system_error systemError(const std::string& what, const std::string& path) 
 // tens of kilobytes; a larger file is unreadable rather than a cost to every read.
 constexpr off_t kMaximumSuiteSize = 16 << 20;
 
-// Reads the whole file; nullopt when it does not exist. Only a regular file is
-// read: a FIFO, a device or a folder at the suite's path is unreadable, and
-// opening never waits for a writer.
-std::optional<std::string> readFile(const std::string& path) {
+// Which version of a file was read: another inode, size, modification or
+// change time is another version.
+struct Version {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = -1;
+  timespec modified{};
+  timespec changed{};
+
+  static Version of(const struct stat& st) {
+    return {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+  }
+  bool operator==(const Version& other) const {
+    return device == other.device && inode == other.inode && size == other.size &&
+           modified.tv_sec == other.modified.tv_sec && modified.tv_nsec == other.modified.tv_nsec &&
+           changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+  }
+};
+
+// Reads the whole file and the version read; nullopt when it does not exist.
+// Only a regular file is read: a FIFO, a device or a folder at the suite's path
+// is unreadable, and opening never waits for a writer.
+std::optional<std::string> readFile(const std::string& path, Version& version) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
@@ -48,6 +69,7 @@ std::optional<std::string> readFile(const std::string& path) {
     throw std::system_error(regular ? EFBIG : EINVAL, std::generic_category(),
                             (regular ? "Too large: " : "Not a regular file: ") + path);
   }
+  version = Version::of(st);
   std::string bytes;
   bytes.reserve(static_cast<std::size_t>(st.st_size));
   char buffer[65536];
@@ -63,6 +85,42 @@ std::optional<std::string> readFile(const std::string& path) {
   }
   ::close(fd);
   return bytes;
+}
+
+// The suites last read or stored, by path, with the version of the file they
+// came from. A suite is parsed again only when its file is another version, so
+// a list of thousands of entries is not parsed at every read; a file another
+// process replaced, rewrote or emptied is always read afresh.
+struct ReadCache {
+  struct Entry {
+    Version version;
+    std::shared_ptr<const Value::Dictionary> domain;
+  };
+  std::mutex mutex;
+  std::map<std::string, Entry> entries;  // guarded by mutex
+};
+
+// Never destroyed: suites may be read while the process exits.
+ReadCache& readCache() {
+  static auto* cache = new ReadCache;
+  return *cache;
+}
+
+std::shared_ptr<const Value::Dictionary> cachedSuite(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return nullptr;
+  ReadCache& cache = readCache();
+  std::lock_guard lock(cache.mutex);
+  auto it = cache.entries.find(path);
+  if (it == cache.entries.end() || !(it->second.version == Version::of(st))) return nullptr;
+  return it->second.domain;
+}
+
+void keepInCache(const std::string& path, const Version& version, Value::Dictionary domain) {
+  ReadCache& cache = readCache();
+  auto kept = std::make_shared<const Value::Dictionary>(std::move(domain));
+  std::lock_guard lock(cache.mutex);
+  cache.entries.insert_or_assign(path, ReadCache::Entry{version, std::move(kept)});
 }
 
 // Logs an unreadable suite once for each version of the file.
@@ -84,9 +142,15 @@ void reportUnreadable(const std::string& path, const std::string& reason) {
 
 ReadResult readSuite(const std::string& path) {
   ReadResult result;
+  if (auto cached = cachedSuite(path)) {
+    result.state = ReadState::kRead;
+    result.domain = *cached;
+    return result;
+  }
   std::optional<std::string> bytes;
+  Version version;
   try {
-    bytes = readFile(path);
+    bytes = readFile(path, version);
   } catch (const std::system_error& e) {
     reportUnreadable(path, e.what());
     result.state = ReadState::kUnreadable;
@@ -101,6 +165,7 @@ ReadResult readSuite(const std::string& path) {
   }
   result.state = ReadState::kRead;
   result.domain = std::move(*value->mutableDictionary());
+  keepInCache(path, version, result.domain);
   return result;
 }
 
@@ -181,12 +246,16 @@ void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
     FileSystemFaults::unlinkat(AT_FDCWD, temporary.c_str(), 0);
     throw;
   }
-  ::close(fd);
   if (FileSystemFaults::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), 0) != 0) {
     std::system_error error = systemError("Cannot replace", path);
+    ::close(fd);
     FileSystemFaults::unlinkat(AT_FDCWD, temporary.c_str(), 0);
     throw error;
   }
+  // What was stored is what the next read gets, while the file stays this version.
+  struct stat st {};
+  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), domain);
+  ::close(fd);
   // Make the rename itself durable.
   int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dir >= 0) {

@@ -10,12 +10,13 @@
 // "$XDG_CONFIG_HOME/<suite>.plist" (~/.config without it), the same files other
 // programs and plistutil read and write.
 //
-// Reads go to the file every time, so a change by another process is seen at the
-// next read. A store writes the whole suite at once: a temporary file in the same
-// folder, fsync, rename; readers never see a torn file and a crash never leaves
-// one. A missing file is an empty suite. A file that cannot be read as a
-// dictionary is logged, read as empty, and renamed with a ".corrupt" suffix before
-// this object ever overwrites it.
+// Every read looks at the file, so a change by another process is seen at the
+// next read; the file is parsed again only when it is another version (another
+// inode, size, modification or change time) than the one last read or stored. A store writes the
+// whole suite at once: a temporary file in the same folder, fsync, rename; readers never see a torn
+// file and a crash never leaves one. A missing file is an empty suite. A file that cannot be read
+// as a dictionary is logged, read as empty, and renamed with a ".corrupt" suffix before this object
+// ever overwrites it.
 class UserDefaults {
  public:
   // The service's own suite, "Quentara.SharedFilesXpcService".

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <system_error>
 
 #include "Platform/ConfinedFolder.h"
@@ -15,6 +16,7 @@
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ErrorLogReport.h"
 #include "SharedFilesXpcService/ServiceFolders.h"
+#include "SharedFilesXpcService/SharedFilesIndex.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
 
 namespace {
@@ -36,9 +38,9 @@ std::size_t depthOf(const Value& entry) {
          1;
 }
 
-void setBlocked(Value::Array& list, const Value::Array& entries, const char* blocked) {
-  for (const Value& entry : entries)
-    SharedFilesList::setValueOfEntry(list, entry, "Blocked", blocked);
+// Sets `key` of the entry at `position` (a dictionary) to `text`.
+void setAt(Value::Array& list, std::size_t position, const char* key, const char* text) {
+  list[position].mutableDictionary()->insert_or_assign(key, Value(text));
 }
 
 }  // namespace
@@ -168,29 +170,35 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   Value::Array list = SharedFilesList::load(defaults);
   const Value::Dictionary prefs = iAppsPrefs();
+  // Made at the first owner computer, as the first lookup over the list is.
+  std::optional<SharedFilesIndex> byMapping;
   for (const OwnerComputers& owner : owners) {
     const Predicate::Argument mapId = argumentFor(owner.userComputerMapId);
-    const char* rootsOf = "(UserComputerMapID == %@) AND (OwnerFileID == %@)";
+    if (!byMapping) byMapping.emplace(list, "UserComputerMapID");
+    const std::vector<std::size_t> ofMapping = byMapping->positions(list, mapId);
+    std::vector<std::size_t> roots;
+    for (std::size_t position : ofMapping) {
+      const Value* ownerFileId = list[position].objectForKey("OwnerFileID");
+      if (ownerFileId != nullptr && *ownerFileId == Value("0")) roots.push_back(position);
+    }
 
     // kept: every entry of the mapping one level deeper than a root entry is
     // blocked, wherever it lies; the folder states unblock the shared ones.
-    for (const Value& root : SharedFilesList::filter(list, rootsOf, {mapId, Value("0")})) {
-      const std::size_t depth = depthOf(root);
-      for (const Value& entry :
-           SharedFilesList::filter(list, "(UserComputerMapID == %@)", {mapId})) {
-        if (depthOf(entry) == depth + 1)
-          SharedFilesList::setValueOfEntry(list, entry, "Blocked", "1");
+    for (std::size_t root : roots) {
+      const std::size_t depth = depthOf(list[root]);
+      for (std::size_t position : ofMapping) {
+        if (depthOf(list[position]) == depth + 1) setAt(list, position, "Blocked", "1");
       }
     }
 
-    Value::Array roots = SharedFilesList::filter(list, rootsOf, {mapId, Value("0")});
     if (Readings::integerValue(owner.status) != 1) {
-      setBlocked(list, roots, "1");
+      for (std::size_t root : roots) setAt(list, root, "Blocked", "1");
     } else if (!roots.empty()) {
-      setBlocked(list, roots, "0");
+      for (std::size_t root : roots) setAt(list, root, "Blocked", "0");
     } else {
       try {
         list.emplace_back(newRootFolder(owner, prefs));
+        byMapping->added(list.size() - 1, list.back());
       } catch (const ValueError& refused) {
         // A root entry the list could not give back exactly would never match
         // again, and every cycle would make another folder: refused before any
@@ -255,15 +263,29 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
   Value::Array list = SharedFilesList::load(defaults);
   setSharedFilesDefaultsArray(list);
   if (list.empty()) return;
-  for (const SharedfoldersWithStatus& folder : folders) {
-    Value::Array matching =
-        SharedFilesList::filter(list, "(OwnerFileID == %@)", {argumentFor(folder.fileId)});
-    if (Readings::integerValue(folder.sharedStatus) != 1) continue;
-    setBlocked(list, matching, "0");
+  // The list is stored once, after the last folder, instead of after each shared
+  // one: nobody reads it in between but this pass. A failure stores what the
+  // folders before it changed, as their own stores would have.
+  bool changed = false;
+  auto keep = [&] {
     setSharedFilesDefaultsArray(list);
-    SharedFilesList::store(defaults, list);
-    defaults.synchronize();
+    if (changed) SharedFilesList::store(defaults, list);
+  };
+  try {
+    std::optional<SharedFilesIndex> byOwnerFile;
+    for (const SharedfoldersWithStatus& folder : folders) {
+      if (!byOwnerFile) byOwnerFile.emplace(list, "OwnerFileID");
+      const std::vector<std::size_t> matching =
+          byOwnerFile->positions(list, argumentFor(folder.fileId));
+      if (Readings::integerValue(folder.sharedStatus) != 1) continue;
+      for (std::size_t position : matching) setAt(list, position, "Blocked", "0");
+      changed = true;
+    }
+  } catch (...) {
+    keep();
+    throw;
   }
+  keep();
 }
 
 void SharedFilesXpcService::logErrorMethod(const std::exception& exception) {

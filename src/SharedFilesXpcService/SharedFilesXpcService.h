@@ -57,8 +57,8 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   // unblocked by the owners' status. Throws on values it cannot read, or on a
   // folder that would lie outside the product folder; the list is then not stored.
   void ProcessOwnerComputers(const std::vector<OwnerComputers>& owners);
-  // Unblocks the list entries of every folder whose shared status is 1, storing
-  // the list once per such folder.
+  // Unblocks the list entries of every folder whose shared status is 1, and
+  // stores the list when one had.
   void ProcessSharedFoldersWithStatus(const std::vector<SharedfoldersWithStatus>& folders);
 
   // What replaces a crash. Where a reply cannot be handled at all (its

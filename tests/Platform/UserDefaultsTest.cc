@@ -1,5 +1,6 @@
 #include "Platform/UserDefaults.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -323,4 +324,39 @@ TEST_F(UserDefaultsTest, WriterKilledInAStormOfStoresNeverLeavesATornFile) {
   }
   EXPECT_GT(readsDuringStorm, 0);
   EXPECT_FALSE(std::filesystem::exists(suite + ".corrupt"));
+}
+
+TEST_F(UserDefaultsTest, SuiteChangedByAnotherProcessBetweenTwoReadsIsNeverServedStale) {
+  UserDefaults suite("Quentara.SharedFilesXpcService");
+  const std::string path = suite.pathOfSuite("Quentara.SharedFilesXpcService");
+  auto stored = [&] {
+    std::optional<Value> value = suite.objectForKey("k");
+    return value && value->string() ? *value->string() : std::string("<absent>");
+  };
+  auto plist = [](const std::string& text) {
+    return PropertyList::xml(Value(Value::Dictionary{{"k", Value(text)}}));
+  };
+  suite.setObject(Value("ours"), "k");
+  ASSERT_EQ(stored(), "ours");
+
+  // Another file renamed into place (another inode).
+  writeText(path + ".new", plist("renamed in"));
+  ASSERT_EQ(::rename((path + ".new").c_str(), path.c_str()), 0);
+  EXPECT_EQ(stored(), "renamed in");
+
+  // The same file rewritten in place with the same length, and a later time.
+  std::string same = plist("rewritten!");
+  ASSERT_EQ(same.size(), plist("renamed in").size());
+  writeText(path, same);
+  const timespec later[2] = {{0, UTIME_OMIT}, {std::time(nullptr) + 60, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), later, 0), 0);
+  EXPECT_EQ(stored(), "rewritten!");
+
+  // A shorter file, then garbage: each read as it now is.
+  writeText(path, plist("s"));
+  EXPECT_EQ(stored(), "s");
+  writeText(path, "garbage");
+  EXPECT_EQ(stored(), "<absent>");
+  ::unlink(path.c_str());
+  EXPECT_EQ(stored(), "<absent>");
 }
