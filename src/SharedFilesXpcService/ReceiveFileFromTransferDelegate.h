@@ -5,4 +5,6 @@ class ReceiveFileFromTransferDelegate {
  public:
   virtual ~ReceiveFileFromTransferDelegate() = default;
   virtual void ReceiveFileNotify() = 0;
+  // Told just before the notification of a download placed and acknowledged.
+  virtual void transferEndedWell() {}
 };

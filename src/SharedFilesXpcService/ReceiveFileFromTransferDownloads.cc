@@ -213,7 +213,7 @@ void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& d
             self->reportFailures([&] {
               if (statusIsZero(result, status)) {
                 self->updateFileID(download->finalPath());
-                self->notify();
+                self->notifyArrived();
               }
             });
             Log::line("inside  updatefilereceived service *****************");
@@ -232,8 +232,12 @@ void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& d
           download->release();
           self->reportFailures([&] {
             if (status != 0) return;
-            self->notify();
-            if (statusIsZero(result, status)) self->updateFileID(download->finalPath());
+            if (statusIsZero(result, status)) {
+              self->notifyArrived();
+              self->updateFileID(download->finalPath());
+            } else {
+              self->notify();
+            }
           });
           Log::printf("inside deletefilefromtransfer service ....&&&&&&&&&&&& %ld",
                       static_cast<long>(status));

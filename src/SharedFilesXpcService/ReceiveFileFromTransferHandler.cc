@@ -68,6 +68,13 @@ void ReceiveFileFromTransferHandler::notify() const {
   if (auto told = delegate()) told->ReceiveFileNotify();
 }
 
+void ReceiveFileFromTransferHandler::notifyArrived() const {
+  if (auto told = delegate()) {
+    told->transferEndedWell();
+    told->ReceiveFileNotify();
+  }
+}
+
 std::string ReceiveFileFromTransferHandler::productFolderPath() const {
   return ServiceFolders::productFolder(iAppsPrefs());
 }

@@ -103,6 +103,8 @@ class ReceiveFileFromTransferHandler
   }
 
   void notify() const;
+  // Notifies after a file was placed and acknowledged.
+  void notifyArrived() const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
   void setIAppsPrefs(Value::Dictionary prefs);
   void setSharedFilesDefaultsArray(Value::Array list);

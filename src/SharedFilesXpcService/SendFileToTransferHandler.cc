@@ -90,13 +90,15 @@ void SendFileToTransferHandler::setDelegate(std::weak_ptr<SendFileToTransferDele
   delegate_ = std::move(delegate);
 }
 
-void SendFileToTransferHandler::notify() const {
+void SendFileToTransferHandler::notify(bool sent) const {
   std::shared_ptr<SendFileToTransferDelegate> told;
   {
     std::lock_guard lock(mutex_);
     told = delegate_.lock();
   }
-  if (told) told->SendFileNotify();
+  if (!told) return;
+  if (sent) told->transferEndedWell();
+  told->SendFileNotify();
 }
 
 FileToTransfer SendFileToTransferHandler::fileToTransfer() {
@@ -345,7 +347,7 @@ void SendFileToTransferHandler::answerArrived(const std::string& data) const {
   Log::line("response = " + JsonBody::describe(*answer));
   if (!answer->is_object()) throw ValueError("an upload's answer is no dictionary");
   auto status = answer->find("ReturnStatus");
-  if (status != answer->end() && Readings::isEqualToString(*status, "0")) notify();
+  if (status != answer->end() && Readings::isEqualToString(*status, "0")) notify(true);
 }
 
 void SendFileToTransferHandler::endRecordOnFailure(const std::function<void()>& work) const {

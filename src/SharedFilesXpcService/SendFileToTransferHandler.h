@@ -80,7 +80,8 @@ class SendFileToTransferHandler : public URLSessionDelegate,
   void didFailWithError(URLConnection& connection, const PlatformError& error) override;
 
  private:
-  void notify() const;
+  // Tells the delegate the record has ended; `sent` when the server took its file.
+  void notify(bool sent = false) const;
   // Runs `work`, a step outside the pass (a server answer, a callback); what it
   // throws is a reply this handler cannot read: logged, and the record ends.
   void endRecordOnFailure(const std::function<void()>& work) const;

@@ -63,10 +63,17 @@ void SharedFilesXpcService::unLockService() {
 }
 
 void SharedFilesXpcService::startSharedFileToTransfer() {
+  queryWhenIdle();
+  scheduler_.dispatchAfter(Environment::current()->cyclePeriod,
+                           [self = shared_from_this()] { self->startSharedFileToTransfer(); });
+}
+
+void SharedFilesXpcService::queryWhenIdle() {
   setIAppsPrefs({});
   setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
 
   if (!sendLock() && !receiveLock()) {
+    movedFile_.store(false, std::memory_order_relaxed);
     sendLock_.store(true, std::memory_order_relaxed);
     receiveLock_.store(true, std::memory_order_relaxed);
     Value::Dictionary prefs = iAppsPrefs();
@@ -78,9 +85,6 @@ void SharedFilesXpcService::startSharedFileToTransfer() {
                    const OperationResult<GetSharedFilesTransferDataResponseData>& result,
                    int status) { self->transferDataArrived(result, status); });
   }
-
-  scheduler_.dispatchAfter(Environment::current()->cyclePeriod,
-                           [self = shared_from_this()] { self->startSharedFileToTransfer(); });
 }
 
 void SharedFilesXpcService::restartAfterUnreadableReply(const std::string& why) {
@@ -294,10 +298,40 @@ void SharedFilesXpcService::logErrorMethod(const std::exception& exception) {
   ErrorLogReport::send("SharedFilesXpcService", "URLSession", exception, iAppsPrefs());
 }
 
-void SharedFilesXpcService::SendFileNotify() { sendLock_.store(false, std::memory_order_relaxed); }
+void SharedFilesXpcService::SendFileNotify() {
+  sendLock_.store(false, std::memory_order_relaxed);
+  passEnded();
+}
 
 void SharedFilesXpcService::ReceiveFileNotify() {
   receiveLock_.store(false, std::memory_order_relaxed);
+  passEnded();
+}
+
+void SharedFilesXpcService::transferEndedWell() {
+  movedFile_.store(true, std::memory_order_relaxed);
+}
+
+void SharedFilesXpcService::passEnded() {
+  if (sendLock() || receiveLock() || !movedFile_.exchange(false)) return;
+  if (stepPending_.exchange(true)) return;
+  // Ten a second at most: a server that lists the same file for ever is asked
+  // no more often than that.
+  constexpr std::chrono::milliseconds kSpacing{100};
+  std::chrono::nanoseconds wait{0};
+  {
+    std::lock_guard lock(mutex_);
+    const auto since = std::chrono::steady_clock::now() - lastEarnedStep_;
+    if (since < kSpacing) wait = kSpacing - since;
+  }
+  scheduler_.dispatchAfter(wait, [self = shared_from_this()] {
+    {
+      std::lock_guard lock(self->mutex_);
+      self->lastEarnedStep_ = std::chrono::steady_clock::now();
+    }
+    self->stepPending_.store(false);
+    self->queryWhenIdle();
+  });
 }
 
 Value::Dictionary SharedFilesXpcService::iAppsPrefs() const {

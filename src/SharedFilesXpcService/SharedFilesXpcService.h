@@ -74,6 +74,13 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
 
   void SendFileNotify() override;
   void ReceiveFileNotify() override;
+  // A file was sent or received. When the notification that follows leaves both
+  // flags clear, one more step runs at once instead of at the next tick: the
+  // server lists one file per reply, and a folder of small files would otherwise
+  // move one file a period. At most one such step is pending, they start at
+  // most ten times a second, and they obey the same flag test as every step;
+  // failures never earn one, and the timer chains are untouched.
+  void transferEndedWell() override;
 
   bool sendLock() const { return sendLock_.load(std::memory_order_relaxed); }
   bool receiveLock() const { return receiveLock_.load(std::memory_order_relaxed); }
@@ -88,6 +95,10 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   explicit SharedFilesXpcService(Scheduler& scheduler);
 
   void setIAppsPrefs(Value::Dictionary prefs);
+  // The step's work: the query, when neither flag is set.
+  void queryWhenIdle();
+  // After a notification: the step a moved file earned, when both flags are clear.
+  void passEnded();
   // The completion of the pending-work query.
   void transferDataArrived(const OperationResult<GetSharedFilesTransferDataResponseData>& result,
                            int status);
@@ -107,4 +118,8 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
 
   std::atomic<bool> receiveLock_{false};
   std::atomic<bool> sendLock_{false};
+  // A file moved since the last query, and a step it earned is pending.
+  std::atomic<bool> movedFile_{false};
+  std::atomic<bool> stepPending_{false};
+  std::chrono::steady_clock::time_point lastEarnedStep_;  // guarded by mutex_
 };

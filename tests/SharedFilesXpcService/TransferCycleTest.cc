@@ -370,3 +370,72 @@ TEST_F(TransferCycleTest, ErrorReportsNameTheirFixedClassAndMethodAndThisCompute
 }
 
 }  // namespace
+
+TEST_F(TransferCycleTest, FileThatArrivedEarnsOneStepAtOnceAndAFailedOneNone) {
+  fs::create_directories(product() / "Ann (Shared)");
+  server.state().merge({{"saved", {{"S1", {{"text", "small"}}}}}});
+  json entry = {{"ChangeType", "1"},   {"OwnerFileID", "9"},          {"IsFile", "True"},
+                {"FromCloud", "0"},    {"FromComputerID", "C2"},      {"ToComputerID", "C1"},
+                {"SavedFileID", "S1"}, {"SharedFileTransferID", "T1"}};
+  // The file table's path, without its leading separator.
+  entry["FullPathFromFileTable"] = (product() / "Ann (Shared)" / "a.txt").string().substr(1);
+  stepAnswered({{"RecFileFromTransfer", {entry}}});
+  runPasses();
+  ASSERT_TRUE(waitUntil([&] { return scheduler.pending() == 2; }, 60s))
+      << "the placed and acknowledged file earns a step";
+  std::vector<std::chrono::nanoseconds> delays = scheduler.pendingDelays();
+  EXPECT_EQ(delays[0], 2s) << "the timer's step is untouched";
+  EXPECT_LE(delays[1], 100ms);
+  const std::size_t queries = server.requestsFor(kQuery).size();
+  answer(ReferenceServer::json({{"ReturnStatus", "0"}}));
+  scheduler.runNext();  // the timer's step is next in line; it runs with both flags clear
+  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
+  scheduler.runNext();  // the earned step
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kQuery).size() == queries + 2; }));
+
+  // A download that fails earns nothing: the next query waits for the period.
+  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
+  while (scheduler.pending() > 1) scheduler.runNext();
+  entry["SharedFileTransferID"] = "T2";
+  stepAnswered({{"RecFileFromTransfer", {entry}}});
+  server.script("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer",
+                ReferenceServer::json({{"ReturnStatus", "1"}}, 500));
+  runPasses();
+  ASSERT_TRUE(waitUntil([&] { return !service->receiveLock(); }, 60s));
+  EXPECT_EQ(scheduler.pending(), 1U);
+}
+
+TEST_F(TransferCycleTest, EarnedStepsComeAtMostTenASecondAndNeverBesideARunningPass) {
+  answer(ReferenceServer::json({{"ReturnStatus", "0"}}));
+  // A pass still running: the other's good end earns nothing yet.
+  stepAnswered({{"RecFileFromTransfer", {{{"SharedFileTransferID", "2"}}}}});
+  ASSERT_TRUE(service->receiveLock());
+  service->transferEndedWell();
+  service->SendFileNotify();
+  EXPECT_EQ(scheduler.pending(), 2U) << "the timer and the receive pass, nothing earned";
+  service->ReceiveFileNotify();
+  ASSERT_EQ(scheduler.pending(), 3U) << "earned once both passes have ended";
+
+  // Run the earned step, and earn another at once: it comes no sooner than a
+  // tenth of a second after the first began, however fast this machine is.
+  while (scheduler.pending() > 1) scheduler.runNext();
+  answer(ReferenceServer::json({{"ReturnStatus", "0"}}));
+  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
+  service->transferEndedWell();
+  service->ReceiveFileNotify();
+  ASSERT_EQ(scheduler.pending(), 2U);
+  const auto began = std::chrono::steady_clock::now();
+  scheduler.runNext();  // the timer's step
+  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
+  scheduler.runNext();  // the earned step
+  ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
+  service->transferEndedWell();
+  service->SendFileNotify();
+  const auto earned = std::chrono::steady_clock::now();
+  ASSERT_EQ(scheduler.pending(), 2U);
+  EXPECT_GE(scheduler.pendingDelays().back() + (earned - began), 100ms);
+  // One earned step pending at a time.
+  service->transferEndedWell();
+  service->ReceiveFileNotify();
+  EXPECT_EQ(scheduler.pending(), 2U);
+}
