@@ -199,21 +199,36 @@ std::optional<Value> UserDefaults::objectForKey(const std::string& key) const {
   return std::move(it->second);
 }
 
-void UserDefaults::setObject(const Value& value, const std::string& forKey) {
+void UserDefaults::setObject(Value value, const std::string& forKey) {
   std::lock_guard lock(storeMutex_);
-  ReadResult current = readSuite(pathOfSuite(suiteName_));
-  current.domain.insert_or_assign(forKey, value);
-  store(current.domain, current.state == ReadState::kUnreadable);
+  const std::string path = pathOfSuite(suiteName_);
+  Value::Dictionary domain;
+  bool keepAside = false;
+  if (auto cached = cachedSuite(path)) {
+    // A store that would write what the file already holds is left out: no
+    // reader could tell it from one made a moment earlier.
+    auto held = cached->find(forKey);
+    if (held != cached->end() && held->second == value) return;
+    for (const auto& [key, other] : *cached) {
+      if (key != forKey) domain.emplace(key, other);
+    }
+  } else {
+    ReadResult current = readSuite(path);
+    domain = std::move(current.domain);
+    keepAside = current.state == ReadState::kUnreadable;
+  }
+  domain.insert_or_assign(forKey, std::move(value));
+  store(std::move(domain), keepAside);
 }
 
 void UserDefaults::removeObjectForKey(const std::string& key) {
   std::lock_guard lock(storeMutex_);
   ReadResult current = readSuite(pathOfSuite(suiteName_));
   if (current.domain.erase(key) == 0) return;
-  store(current.domain, false);
+  store(std::move(current.domain), false);
 }
 
-void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
+void UserDefaults::store(Value::Dictionary domain, bool keepAside) {
   const std::string path = pathOfSuite(suiteName_);
   std::string bytes = PropertyList::xml(Value(domain));
 
@@ -254,7 +269,7 @@ void UserDefaults::store(const Value::Dictionary& domain, bool keepAside) {
   }
   // What was stored is what the next read gets, while the file stays this version.
   struct stat st {};
-  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), domain);
+  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), std::move(domain));
   ::close(fd);
   // Make the rename itself durable.
   int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

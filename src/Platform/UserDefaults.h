@@ -31,7 +31,8 @@ class UserDefaults {
   // Sets `key` to `value` and stores the whole suite. Throws ValueError for values
   // a property list cannot hold, and std::system_error when the file cannot be
   // written (the suite on disk is then unchanged).
-  void setObject(const Value& value, const std::string& forKey);
+  // A value the current file already holds under `key` is not written again.
+  void setObject(Value value, const std::string& forKey);
   void removeObjectForKey(const std::string& key);
   // Stores are durable when setObject returns; kept for the callers' pattern.
   bool synchronize() { return true; }
@@ -44,7 +45,7 @@ class UserDefaults {
 
  private:
   // Writes `domain` as the whole suite; `keepAside` renames the unreadable file first.
-  void store(const Value::Dictionary& domain, bool keepAside);
+  void store(Value::Dictionary domain, bool keepAside);
 
   std::string suiteName_;
   // Serialises this object's read-modify-write of its suite.

@@ -24,7 +24,8 @@ class SharedFilesList {
   // The stored list; an absent list is empty. A value that is not an array is
   // logged and throws ValueError, leaving it as it is.
   static Value::Array load(UserDefaults& defaults);
-  // Stores the whole list and synchronises the suite.
+  // Stores the whole list and synchronises the suite (a list the suite's file
+  // already holds is not written again).
   static void store(UserDefaults& defaults, const Value::Array& list);
 
   // The entries matching `format` with `arguments` (see Predicate), in list order.
