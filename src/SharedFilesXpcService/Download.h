@@ -62,8 +62,10 @@ class Download {
   void abandon();
   // Whether an append or the placing failed: nothing more is written or placed.
   bool hasFailed() const { return failed_; }
-  // Lets other downloads take this one's paths.
+  // Lets other downloads take this one's paths: at once, or (once it has been
+  // acknowledged) after the next answered query.
   void release() { claim_.release(); }
+  void releaseAfterNextQuery() { claim_.releaseAfterNextQuery(); }
 
  private:
   // The partial file's length, when it is as this download left it; otherwise

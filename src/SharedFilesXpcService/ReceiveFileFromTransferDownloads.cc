@@ -209,7 +209,8 @@ void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& d
       RestInterface::asyncUpdateFileReceived(
           query, [self = shared_from_this(), download](
                      const OperationResult<UpdateFileReceivedResponseData>& result, int status) {
-            download->release();
+            // Acknowledged: a reply already on its way may list the file still.
+            status == 0 ? download->releaseAfterNextQuery() : download->release();
             self->reportFailures([&] {
               if (statusIsZero(result, status)) {
                 self->updateFileID(download->finalPath());
@@ -229,7 +230,7 @@ void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& d
         query,
         [self = shared_from_this(), download](
             const OperationResult<DeleteReceivedFileFromTransferResponseData>& result, int status) {
-          download->release();
+          status == 0 ? download->releaseAfterNextQuery() : download->release();
           self->reportFailures([&] {
             if (status != 0) return;
             if (statusIsZero(result, status)) {

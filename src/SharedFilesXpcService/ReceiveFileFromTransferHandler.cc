@@ -84,7 +84,10 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
   if (files.empty()) return;
   try {
     setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
-    setSharedFilesDefaultsArray(SharedFilesList::load(UserDefaults::standardUserDefaults()));
+    {
+      std::lock_guard changing(listMutex_);
+      setSharedFilesDefaultsArray(SharedFilesList::load(UserDefaults::standardUserDefaults()));
+    }
     // kept: set once per pass, not per entry; an entry that assigns nothing
     // inherits the path of the entry before it.
     std::string workingPath;
@@ -328,6 +331,8 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
   to = checkDuplicateAndCreate(to, product);
   const ConfinedFolder folder(product);
   ignoringErrors([&] { folder.move(from, folder, to); });
+  std::lock_guard changing(listMutex_);
+  list = sharedFilesDefaultsArray();
   // kept: the entries renamed are those of the working path, not of the old name.
   for (const Value& entry : SharedFilesList::filter(list, "FileName == %@", {Value(workingPath)})) {
     SharedFilesList::setValueOfEntry(list, entry, "FileName", to);
@@ -338,6 +343,7 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
 
 void ReceiveFileFromTransferHandler::receiveDelete(const RecFileFromTransfer& file,
                                                    const std::string& workingPath) {
+  std::lock_guard changing(listMutex_);
   Value::Array list = sharedFilesDefaultsArray();
   const char* format = Readings::isEqualToString(file.isFile, "True") ? "FileName == %@"
                                                                       : "FileName BEGINSWITH[c] %@";
@@ -400,6 +406,7 @@ std::string ReceiveFileFromTransferHandler::checkDuplicateAndCreate(
 
 void ReceiveFileFromTransferHandler::savePreFerences(const RecFileFromTransfer& file,
                                                      const std::string& path) {
+  std::lock_guard changing(listMutex_);
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   Value::Array list = SharedFilesList::load(defaults);
   setSharedFilesDefaultsArray(list);
@@ -423,6 +430,7 @@ void ReceiveFileFromTransferHandler::updateFileID(const std::string& path) {
   if (::lstat(path.c_str(), &attributes) != 0) {
     throw std::system_error(errno, std::generic_category(), "no file number for " + path);
   }
+  std::lock_guard changing(listMutex_);
   Value::Array list = sharedFilesDefaultsArray();
   Value::Array named = SharedFilesList::filter(list, "(FileName == %@)", {Value(path)});
   if (!named.empty()) {
@@ -490,13 +498,19 @@ void ReceiveFileFromTransferHandler::setIAppsPrefs(Value::Dictionary prefs) {
 }
 
 Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {
-  std::lock_guard lock(mutex_);
-  return sharedFilesDefaultsArray_;
+  PackedValue packed;
+  {
+    std::lock_guard lock(mutex_);
+    packed = sharedFilesDefaultsArray_;
+  }
+  Value list = packed.unpacked();
+  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
 }
 
 void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(Value::Array list) {
+  PackedValue packed{Value(std::move(list))};
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(list);
+  sharedFilesDefaultsArray_ = std::move(packed);
 }
 
 std::string ReceiveFileFromTransferHandler::finalPath() const {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/Readings.h"
 #include "Platform/URLConnectionDelegate.h"
 #include "Platform/URLSessionDelegate.h"
@@ -140,10 +141,15 @@ class ReceiveFileFromTransferHandler
   // throws is reported to the server, as the pass's guard would.
   void reportFailures(const std::function<void()>& work);
 
+  // Held while the handler's list is loaded or changed and stored, so that the
+  // passes and the downloads of this handler, which run at once, never store a
+  // list over a change another made meanwhile. Taken before mutex_.
+  std::mutex listMutex_;
   mutable std::mutex mutex_;  // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;
   Value::Dictionary iAppsPrefs_;
-  Value::Array sharedFilesDefaultsArray_;
+  // The pass's snapshot of the list, packed: it is held between passes.
+  PackedValue sharedFilesDefaultsArray_;
   // The last download made, for finalPath(), tempFilePath() and fileLength().
   std::shared_ptr<const Download> lastDownload_;
   // The transfer of the last cloud entry that reached its download.

@@ -1,6 +1,8 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 
 #include <sys/stat.h>
+#include <malloc.h>
+#include <cstdlib>
 
 #include <optional>
 #include <system_error>
@@ -18,6 +20,7 @@
 #include "SharedFilesXpcService/ServiceFolders.h"
 #include "SharedFilesXpcService/SharedFilesIndex.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
+#include "SharedFilesXpcService/TransferClaims.h"
 
 namespace {
 
@@ -63,6 +66,7 @@ void SharedFilesXpcService::unLockService() {
 }
 
 void SharedFilesXpcService::startSharedFileToTransfer() {
+  if (getenv("EXP_TRIM")) malloc_trim(0);  // EXPERIMENT
   queryWhenIdle();
   scheduler_.dispatchAfter(Environment::current()->cyclePeriod,
                            [self = shared_from_this()] { self->startSharedFileToTransfer(); });
@@ -80,10 +84,14 @@ void SharedFilesXpcService::queryWhenIdle() {
     GetSharedFilesTransferDataQuery query;
     query.computerId = Readings::requestValue(Value::objectForKey(prefs, "computerIdKey"));
     query.userId = Readings::requestValue(Value::objectForKey(prefs, "userIdKey"));
+    const std::uint64_t sent = TransferClaims::querySent();
     RestInterface::asyncGetSharedFilesTransferData(
-        query, [self = shared_from_this()](
-                   const OperationResult<GetSharedFilesTransferDataResponseData>& result,
-                   int status) { self->transferDataArrived(result, status); });
+        query,
+        [self = shared_from_this(), sent](
+            const OperationResult<GetSharedFilesTransferDataResponseData>& result, int status) {
+          TransferClaims::queryAnswered(sent);
+          self->transferDataArrived(result, status);
+        });
   }
 }
 
@@ -345,11 +353,17 @@ void SharedFilesXpcService::setIAppsPrefs(Value::Dictionary prefs) {
 }
 
 Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
-  std::lock_guard lock(mutex_);
-  return sharedFilesDefaultsArray_;
+  PackedValue packed;
+  {
+    std::lock_guard lock(mutex_);
+    packed = sharedFilesDefaultsArray_;
+  }
+  Value list = packed.unpacked();
+  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
 }
 
 void SharedFilesXpcService::setSharedFilesDefaultsArray(Value::Array array) {
+  PackedValue packed{Value(std::move(array))};
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(array);
+  sharedFilesDefaultsArray_ = std::move(packed);
 }

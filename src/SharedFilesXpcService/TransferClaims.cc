@@ -10,6 +10,10 @@ namespace {
 struct Held {
   std::mutex mutex;
   std::set<std::string> keys;  // guarded by mutex
+  // The last query sent, and the keys given up while it was the last, until a
+  // later one is answered. Guarded by mutex.
+  std::uint64_t lastQuery = 0;
+  std::vector<std::pair<std::uint64_t, std::vector<std::string>>> parked;
 };
 
 // Never destroyed: a claim may be released while the process exits.
@@ -65,6 +69,30 @@ void TransferClaims::Claim::release() {
   std::lock_guard lock(all.mutex);
   for (const std::string& key : keys_) all.keys.erase(key);
   keys_.clear();
+}
+
+void TransferClaims::Claim::releaseAfterNextQuery() {
+  if (keys_.empty()) return;
+  Held& all = held();
+  std::lock_guard lock(all.mutex);
+  all.parked.emplace_back(all.lastQuery, std::move(keys_));
+  keys_.clear();
+}
+
+std::uint64_t TransferClaims::querySent() {
+  Held& all = held();
+  std::lock_guard lock(all.mutex);
+  return ++all.lastQuery;
+}
+
+void TransferClaims::queryAnswered(std::uint64_t query) {
+  Held& all = held();
+  std::lock_guard lock(all.mutex);
+  std::erase_if(all.parked, [&](const auto& given) {
+    if (given.first >= query) return false;
+    for (const std::string& key : given.second) all.keys.erase(key);
+    return true;
+  });
 }
 
 std::optional<TransferClaims::Claim> TransferClaims::claim(const std::vector<std::string>& keys) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,10 +24,14 @@ class TransferClaims {
     Claim(const Claim&) = delete;
     Claim& operator=(const Claim&) = delete;
 
-    // Adds `keys` to this claim; false (nothing added) when any is held already,
-    // by this claim or another.
+    // Adds `keys` to this claim; false (nothing added) when another claim holds
+    // any of them.
     bool extend(const std::vector<std::string>& keys);
     void release();
+    // Gives the keys up once a pending-work query sent after now has been
+    // answered. A file acknowledged a moment ago is still listed by a reply that
+    // was already on its way; it must not be fetched again for it.
+    void releaseAfterNextQuery();
 
    private:
     std::vector<std::string> keys_;
@@ -34,6 +39,12 @@ class TransferClaims {
 
   // A claim on every one of `keys`, or nullopt when any is held already.
   static std::optional<Claim> claim(const std::vector<std::string>& keys);
+
+  // A pending-work query is sent: its number, to be handed to queryAnswered.
+  static std::uint64_t querySent();
+  // The reply to query `query` has arrived: the keys given up before it was sent
+  // are free.
+  static void queryAnswered(std::uint64_t query);
 
   // The keys of a download, and of an upload.
   static std::string downloadKey(const std::string& path) { return "file:" + path; }

@@ -11,6 +11,7 @@
 #include "SharedFilesXpcService/EntryPlacement.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
+#include "SharedFilesXpcService/TransferClaims.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
@@ -126,6 +127,21 @@ TEST(EntryPlacementTest, PartialFileMirrorsTheTargetBelowTheDownloadFolder) {
       EntryPlacement::partialPath("/h/TallowboxOld/a.txt", "/h/Tallowbox", "/t/TallowboxTemp"),
       "/h/TallowboxOld/a.txt")
       << "only the product folder itself is replaced";
+}
+
+TEST(TransferClaimsTest, AcknowledgedFileStaysClaimedUntilAReplyAskedForAfterwardsArrives) {
+  const std::uint64_t onItsWay = TransferClaims::querySent();
+  std::optional<TransferClaims::Claim> claim = TransferClaims::claim({"file:/t/a.bin"});
+  ASSERT_TRUE(claim);
+  EXPECT_FALSE(TransferClaims::claim({"file:/t/b.bin", "file:/t/a.bin"})) << "all or nothing";
+  EXPECT_TRUE(TransferClaims::claim({"file:/t/b.bin"})) << "and nothing was taken";
+  claim->releaseAfterNextQuery();
+  EXPECT_FALSE(TransferClaims::claim({"file:/t/a.bin"}));
+  TransferClaims::queryAnswered(onItsWay);
+  EXPECT_FALSE(TransferClaims::claim({"file:/t/a.bin"}))
+      << "a reply asked for before the acknowledgement may list the file still";
+  TransferClaims::queryAnswered(TransferClaims::querySent());
+  EXPECT_TRUE(TransferClaims::claim({"file:/t/a.bin"}));
 }
 
 TEST(PathNamesTest, ComponentsAndExtensionsFollowThePlatformRules) {
