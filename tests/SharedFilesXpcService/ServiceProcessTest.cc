@@ -6,13 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <thread>
+#include <set>
 
 #include "Platform/UserDefaults.h"
 #include "ReferenceServer.h"
@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kQuery = "MAC/SharedFiles.svc/GetSharedFilesTransferData";
-constexpr auto kPeriod = 250ms;
+constexpr const char* kFetch = "MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer";
 
 class ServiceProcessTest : public ::testing::Test {
  protected:
@@ -71,6 +71,13 @@ class ServiceProcessTest : public ::testing::Test {
   bool queriedAtLeast(std::size_t count) {
     return waitUntil([&] { return queries() >= count; });
   }
+  // Waits for the next step of the cycle. Every step reads the application's
+  // suite, which is opened only when its file has changed; so it is changed first.
+  static bool stepped(OpenCounter& steps) {
+    const std::size_t before = steps.count();
+    steps.change();
+    return waitUntil([&] { return steps.count() > before; });
+  }
 
   // The service's last log lines, for a failure's message.
   std::string logTail() const {
@@ -98,34 +105,27 @@ class ServiceProcessTest : public ::testing::Test {
     sharedFile();
     ASSERT_TRUE(waitUntil([&] { return blocked(shared()) == "0"; })) << logTail();
   }
-  // Lists `entry` for this computer to receive, with the fields every entry from
-  // Ann's laptop shares.
-  void offer(const json& entry) {
-    json file = {{"IsOwnerToSubscriber", "1"}, {"ChangeType", "1"},    {"PrevFolderFileID", "0"},
-                 {"UserComputerID", "M1"},     {"IsFile", "True"},     {"FromCloud", "0"},
-                 {"FromComputerID", "C9"},     {"ToComputerID", "C1"}, {"SavedFileID", "0"}};
-    file.merge_patch(entry);
-    server.state().merge({{"computers", {{"C1", {{"RecFileFromTransfer", {file}}}}}}});
+  // Lists `entries`, in one reply, for this computer to receive, each with the
+  // fields every entry from Ann's laptop shares.
+  void offer(const std::vector<json>& entries) {
+    json files = json::array();
+    for (const json& entry : entries) {
+      json file = {{"IsOwnerToSubscriber", "1"}, {"ChangeType", "1"},    {"PrevFolderFileID", "0"},
+                   {"UserComputerID", "M1"},     {"IsFile", "True"},     {"FromCloud", "0"},
+                   {"FromComputerID", "C9"},     {"ToComputerID", "C1"}, {"SavedFileID", "0"}};
+      file.merge_patch(entry);
+      files.push_back(file);
+    }
+    server.state().merge({{"computers", {{"C1", {{"RecFileFromTransfer", files}}}}}});
   }
   // Lists `entry` and waits for the service to acknowledge it.
   void receive(const json& entry) {
-    offer(entry);
+    offer({entry});
     ASSERT_TRUE(waitUntil(
         [&] { return server.state().snapshot()["computers"]["C1"]["RecFileFromTransfer"].empty(); },
         60s))
         << "not acknowledged: " << entry.dump() << "\n"
         << logTail();
-  }
-  // The list as text, for a failure's message.
-  static std::string listing() {
-    std::string text;
-    for (const Value& entry : list()) {
-      for (const auto& [key, value] : *entry.dictionary()) {
-        text += key + "=" + (value.string() != nullptr ? *value.string() : "?") + " ";
-      }
-      text += "\n";
-    }
-    return text;
   }
   // Whether the list entry for `path` has the file number `path` has on disk.
   static bool numbered(const fs::path& path) {
@@ -135,10 +135,13 @@ class ServiceProcessTest : public ::testing::Test {
            entry->objectForKey("FileID") != nullptr &&
            *entry->objectForKey("FileID") == Value(std::to_string(attributes.st_ino));
   }
+  static std::string contents(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
   // Whether `path` holds `size` bytes of the server's pattern for made files.
   static bool holdsPattern(const fs::path& path, std::size_t size) {
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    const std::string bytes = contents(path);
     bool same = bytes.size() == size;
     for (std::size_t i = 0; same && i < bytes.size(); ++i) {
       same = bytes[i] == static_cast<char>((i * 7 + i / 4093) & 0xFF);
@@ -180,86 +183,17 @@ class ServiceProcessTest : public ::testing::Test {
   std::unique_ptr<ChildProcess> service;
 };
 
-TEST_F(ServiceProcessTest, IdleServiceQueriesEachPeriodAndUnblocksExactlyTheSharedFolders) {
-  const std::string shared = (product() / "Ann-Laptop (Shared)").string();
-  server.state().load(R"({"computers": {"C1": {
-      "OwnerComputers": [{"NickName": "Ann-Laptop", "UserComputerMapID": "M-Ann", "Status": "1"}],
-      "SharedfoldersWithStatus": [{"FileID": "F-Docs", "SharedStatus": "1"},
-                                  {"FileID": "F-Photos", "SharedStatus": "0"}]}}})");
-  // Two first-level folders received in an earlier session.
-  auto child = [](const char* ownerFileId, const std::string& name, const char* mark) {
-    return Value(Value::Dictionary{{"OwnerFileID", ownerFileId},
-                                   {"UserComputerMapID", "M-Ann"},
-                                   {"FileName", Value(name)},
-                                   {"Blocked", mark}});
-  };
-  SharedFilesList::store(
-      UserDefaults::standardUserDefaults(),
-      {child("F-Docs", shared + "/Docs", "1"), child("F-Photos", shared + "/Photos", "0")});
-  // The second reply is held back a second, so the list can be read between
-  // the first two cycles; the state answers after that.
-  json pending = server.state().snapshot()["computers"]["C1"];
-  pending["ReturnStatus"] = "0";
-  server.script(kQuery, ReferenceServer::json(pending));
-  ReferenceServer::Reply heldBack = ReferenceServer::json(pending);
-  heldBack.delay = 1s;
-  server.script(kQuery, heldBack);
-  startService();
-  sharedFile();
-
-  ASSERT_TRUE(queriedAtLeast(2));
-  server.clearScripts();
-  struct stat attributes {};
-  ASSERT_EQ(::lstat(shared.c_str(), &attributes), 0) << "the root folder was made";
-  EXPECT_EQ(entryNamed(shared),
-            Value(Value::Dictionary{{"OwnerFileID", "0"},
-                                    {"UserComputerMapID", "M-Ann"},
-                                    {"FileName", Value(shared)},
-                                    {"IsFile", "0"},
-                                    {"MyFile", "0"},
-                                    {"SavedFileID", ""},
-                                    {"Blocked", "1"},
-                                    {"DeleteKey", "0"},
-                                    {"FileID", Value(std::to_string(attributes.st_ino))}}))
-      << "a new root entry starts blocked";
-  ASSERT_TRUE(waitUntil([&] { return blocked(shared) == "0"; }))
-      << "the root entry is unblocked by the next cycle";
-  ASSERT_TRUE(waitUntil([&] { return blocked(shared + "/Docs") == "0"; }));
-  EXPECT_EQ(blocked(shared + "/Photos"), "1") << "a folder not reported shared stays blocked";
-  EXPECT_EQ(list().size(), 3U);
-
-  // Idle from now on: a query every period, each for this user and computer.
-  const std::size_t settled = queries();
-  ASSERT_TRUE(queriedAtLeast(settled + 6));
-  auto seen = server.requestsFor(kQuery);
-  for (const auto& request : seen) {
-    EXPECT_EQ(json::parse(request.body), json({{"UserID", "U1"}, {"ComputerID", "C1"}}));
-  }
-  auto first = seen[settled].at;
-  auto last = seen.back().at;
-  EXPECT_GE((last - first) / (seen.size() - settled - 1), kPeriod * 3 / 5)
-      << "one query a period, not more";
-  // Each cycle blocks the first level and then unblocks the shared folders, so
-  // "Docs" is blocked for a moment between the two stores.
-  EXPECT_EQ(blocked(shared), "0");
-  EXPECT_EQ(blocked(shared + "/Photos"), "1");
-  EXPECT_TRUE(waitUntil([&] { return blocked(shared + "/Docs") == "0"; }));
-  EXPECT_EQ(list().size(), 3U);
-}
-
 TEST_F(ServiceProcessTest, RefusedReplyStallsUntilSharedFileAndADroppedReplyIsQueriedAgain) {
   server.script(kQuery, ReferenceServer::json({{"ReturnStatus", "1"}}));
   ReferenceServer::Reply dropped = ReferenceServer::json({{"ReturnStatus", "0"}});
   dropped.dropAfter = 5;
   server.script(kQuery, dropped);
   server.script(kQuery, ReferenceServer::json({{"ReturnStatus", "0"}}));
-  // Every step of the cycle reads the application's suite afresh.
   OpenCounter steps(UserDefaults::pathOfSuite("Quentara.Tallowbox"));
   startService();
   sharedFile();
   ASSERT_TRUE(queriedAtLeast(1));
-  const std::size_t stalledFrom = steps.count();
-  ASSERT_TRUE(waitUntil([&] { return steps.count() >= stalledFrom + 6; }));
+  for (int step = 0; step < 6; ++step) ASSERT_TRUE(stepped(steps));
   EXPECT_EQ(queries(), 1U) << "the timer keeps firing but nothing is queried";
 
   sharedFile();
@@ -301,10 +235,6 @@ TEST_F(ServiceProcessTest, MalformedTransferDataNeverEndsTheProcess) {
   EXPECT_EQ(list().size(), 2U);
 }
 
-}  // namespace
-
-namespace {
-
 // A file of `size` bytes that differ from one another.
 void writeFile(const fs::path& path, std::size_t size) {
   fs::create_directories(path.parent_path());
@@ -312,20 +242,12 @@ void writeFile(const fs::path& path, std::size_t size) {
   for (std::size_t i = 0; i < size; ++i) out.put(static_cast<char>((i * 13 + i / 509) & 0xFF));
 }
 
-json sendRecord(const std::string& transfer, const std::string& owner,
-                const char* ownerToSubscriber, const char* toCloud) {
-  return {{"ChangeType", "1"},
-          {"IsFile", "True"},
-          {"IsOwnerToSubscriber", ownerToSubscriber},
-          {"OwnerFileID", owner},
-          {"ToCloud", toCloud},
-          {"FromComputerID", "C1"},
-          {"ToComputerID", "C2"},
-          {"SharedFileTransferID", transfer},
-          {"FullPathfromFileTable", "Work\\plan.bin"},
-          {"FullPath", "\\C1\\Work\\plan.bin"},
-          {"NewFullPath", ""},
-          {"TallowboxPath", "/home/ann"}};
+// `size` bytes, every one of them a character of `alphabet`: files made from
+// alphabets with no character in common share no byte.
+std::string bytesOf(const std::string& alphabet, std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = alphabet[(i * 7 + i / 4093) % alphabet.size()];
+  return bytes;
 }
 
 }  // namespace
@@ -337,9 +259,20 @@ TEST_F(ServiceProcessTest, OwnersFileGoesUpThroughTheWatchersListAndResumesWhere
   watcher.setObject(Value(Value::Array{Value::Dictionary{
                         {"FileIDKey", "OF1"}, {"BaseSystemFilePathKey", Value(file.string())}}}),
                     "FileWatchedDataKey");
-  server.state().merge(
-      {{"computers", {{"C1", {{"FileToTransfer", {sendRecord("T1", "OF1", "1", "0")}}}}}},
-       {"faults", {{"cutUploadAfter", 1000000}, {"holdUploadAnswers", true}}}});
+  const json record = {{"ChangeType", "1"},
+                       {"IsFile", "True"},
+                       {"IsOwnerToSubscriber", "1"},
+                       {"OwnerFileID", "OF1"},
+                       {"ToCloud", "0"},
+                       {"FromComputerID", "C1"},
+                       {"ToComputerID", "C2"},
+                       {"SharedFileTransferID", "T1"},
+                       {"FullPathfromFileTable", "Work\\plan.bin"},
+                       {"FullPath", "\\C1\\Work\\plan.bin"},
+                       {"NewFullPath", ""},
+                       {"TallowboxPath", "/home/ann"}};
+  server.state().merge({{"computers", {{"C1", {{"FileToTransfer", {record}}}}}},
+                        {"faults", {{"cutUploadAfter", 1000000}, {"holdUploadAnswers", true}}}});
   OpenCounter steps(UserDefaults::pathOfSuite("Quentara.Tallowbox"));
   startService();
   sharedFile();
@@ -353,8 +286,7 @@ TEST_F(ServiceProcessTest, OwnersFileGoesUpThroughTheWatchersListAndResumesWhere
 
   // Its answer is held: the cycle waits for the pass, querying nothing.
   const std::size_t queried = queries();
-  const std::size_t from = steps.count();
-  ASSERT_TRUE(waitUntil([&] { return steps.count() >= from + 3; }));
+  for (int step = 0; step < 3; ++step) ASSERT_TRUE(stepped(steps));
   EXPECT_EQ(queries(), queried) << "no query while an upload is in flight";
   server.state().merge({{"faults", {{"holdUploadAnswers", nullptr}}}});
   ASSERT_TRUE(queriedAtLeast(queried + 1)) << "the pass ended; the cycle goes on";
@@ -369,59 +301,13 @@ TEST_F(ServiceProcessTest, OwnersFileGoesUpThroughTheWatchersListAndResumesWhere
   EXPECT_TRUE(service->running());
 }
 
-TEST_F(ServiceProcessTest, FileInTheSharedListGoesToTheCloudAndBothReportsFollow) {
-  const fs::path file = product() / "Ann-Laptop (Shared)" / "Docs" / "notes.bin";
-  writeFile(file, 500000);
-  SharedFilesList::store(
-      UserDefaults::standardUserDefaults(),
-      {Value::Dictionary{
-          {"OwnerFileID", "OF2"}, {"FileName", Value(file.string())}, {"Blocked", "0"}}});
-  json record = sendRecord("T2", "OF2", "0", "1");
-  record["ToComputerID"] = "C1";
-  server.state().merge({{"computers", {{"C1", {{"FileToTransfer", {record}}}}}}});
-  startService();
-  sharedFile();
-  // The two reports go at once and may arrive in either order.
-  ASSERT_TRUE(waitUntil([&] {
-    return !server.requestsFor("MAC/SharedFiles.svc/UpdateFileSendReceived").empty() &&
-           !server.requestsFor("MAC/SharedFiles.svc/UpdateFileExists").empty();
-  }));
-  EXPECT_EQ(server.requestsFor("MAC/SharedFiles.svc/UpdateFileExists").size(), 1U);
-  json copy = server.state().snapshot()["cloud"]["\\C1\\C1\\Work\\plan.bin"];
-  EXPECT_EQ(copy["sha256"], sha256Of(file.string()));
-  const std::size_t queried = queries();
-  ASSERT_TRUE(queriedAtLeast(queried + 1));
-  EXPECT_TRUE(server.state().snapshot()["computers"]["C1"]["FileToTransfer"].empty())
-      << "sent and received: no longer pending";
-}
-
-TEST_F(ServiceProcessTest, FileFromAnotherComputerLandsWholeAfterACutInItsOwnersSharedFolder) {
-  annShares({{"saved", {{"S1", {{"size", 2000000}}}}}, {"faults", {{"cutDownloadAfter", 700000}}}});
-  receive({{"OwnerFileID", "OF9"},
-           {"FullPath", "Docs\\a.bin"},
-           {"SavedFileID", "S1"},
-           {"SharedFileTransferID", "R1"}});
-  const fs::path landed = shared() / "a.bin";
-  EXPECT_TRUE(holdsPattern(landed, 2000000)) << "byte for byte";
-
-  auto downloads = server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer");
-  ASSERT_EQ(downloads.size(), 2U) << "cut once, then resumed";
-  EXPECT_EQ(json::parse(downloads[0].body)["Length"], "0");
-  EXPECT_EQ(json::parse(downloads[1].body)["Length"], "700000");
-  EXPECT_EQ(json::parse(downloads[1].body)["SavedFileID"], "S1");
-  ASSERT_TRUE(waitUntil([&] { return numbered(landed); })) << logTail();
-  EXPECT_EQ(*entryNamed(landed)->objectForKey("OwnerFileID"), Value("OF9"));
-  EXPECT_TRUE(nothingLeftInTemp());
-  EXPECT_TRUE(service->running());
-}
-
 TEST_F(ServiceProcessTest, DownloadKilledMidwayResumesFromItsPartialWhenTheServiceStartsAgain) {
   annShares(
       {{"saved", {{"S1", {{"size", 3000000}}}}}, {"faults", {{"holdDownloadAfter", 1000000}}}});
-  offer({{"OwnerFileID", "OF9"},
-         {"FullPath", "big.bin"},
-         {"SavedFileID", "S1"},
-         {"SharedFileTransferID", "R1"}});
+  offer({{{"OwnerFileID", "OF9"},
+          {"FullPath", "big.bin"},
+          {"SavedFileID", "S1"},
+          {"SharedFileTransferID", "R1"}}});
   const fs::path partial =
       root.path() / "tmp" / "TallowboxTemp" / "Ann-Laptop (Shared)" / "big.bin";
   ASSERT_TRUE(waitUntil(
@@ -440,83 +326,11 @@ TEST_F(ServiceProcessTest, DownloadKilledMidwayResumesFromItsPartialWhenTheServi
   const fs::path landed = shared() / "big.bin";
   ASSERT_TRUE(waitUntil([&] { return numbered(landed); }, 60s)) << logTail();
   EXPECT_TRUE(holdsPattern(landed, 3000000)) << "byte for byte";
-  auto downloads = server.requestsFor("MAC/SharedFiles.svc/UpdateReceiveFileFromTransfer");
+  EXPECT_EQ(*entryNamed(landed)->objectForKey("OwnerFileID"), Value("OF9"));
+  auto downloads = server.requestsFor(kFetch);
   ASSERT_EQ(downloads.size(), 2U);
   EXPECT_EQ(json::parse(downloads[1].body)["Length"], "1000000") << "the partial's size";
   EXPECT_TRUE(nothingLeftInTemp());
-}
-
-TEST_F(ServiceProcessTest, OwnersFoldersFilesRenamesAndDeletesAreMirroredIgnoringCase) {
-  // An entry of an earlier pass whose name differs from the folder's in case.
-  SharedFilesList::store(
-      UserDefaults::standardUserDefaults(),
-      {Value::Dictionary{{"OwnerFileID", "OF77"},
-                         {"FileName", Value((shared() / "DOCS" / "old.txt").string())},
-                         {"Blocked", "0"}}});
-  // Docs is the folder Ann shares (file numbers are numeric, as the server's are): it stays
-  // unblocked while the server says so.
-  annShares(
-      {{"saved", {{"S2", {{"text", ""}}}, {"S3", {{"text", "hello"}}}}},
-       {"computers",
-        {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "10"}, {"SharedStatus", "1"}}}}}}}}});
-  const fs::path docs = shared() / "Docs";
-
-  receive({{"OwnerFileID", "10"},
-           {"FullPath", "\\Docs"},
-           {"IsFile", "False"},
-           {"SharedFileTransferID", "R1"}});
-  EXPECT_TRUE(fs::is_directory(docs));
-  ASSERT_TRUE(waitUntil([&] { return numbered(docs); })) << logTail();
-
-  receive({{"OwnerFileID", "11"},
-           {"FullPath", "\\Docs\\empty.txt"},
-           {"PrevFolderFileID", "10"},
-           {"SavedFileID", "S2"},
-           {"SharedFileTransferID", "R2"}});
-  ASSERT_TRUE(waitUntil([&] { return numbered(docs / "empty.txt"); })) << listing();
-  EXPECT_EQ(fs::file_size(docs / "empty.txt"), 0U) << "a file of no bytes is made";
-
-  receive({{"OwnerFileID", "12"},
-           {"FullPath", "\\Docs\\note.txt"},
-           {"PrevFolderFileID", "10"},
-           {"SavedFileID", "S3"},
-           {"SharedFileTransferID", "R3"}});
-  ASSERT_TRUE(waitUntil([&] { return numbered(docs / "note.txt"); })) << logTail();
-  EXPECT_EQ(fs::file_size(docs / "note.txt"), 5U);
-
-  receive({{"ChangeType", "2"},
-           {"OwnerFileID", "11"},
-           {"FullPath", "\\Docs\\empty.txt"},
-           {"NewFullPath", "\\Docs\\blank.txt"},
-           {"SharedFileTransferID", "R4"}});
-  EXPECT_FALSE(fs::exists(docs / "empty.txt"));
-  EXPECT_TRUE(fs::exists(docs / "blank.txt"));
-  EXPECT_TRUE(entryNamed(docs / "blank.txt")) << "the list follows the rename";
-  EXPECT_FALSE(entryNamed(docs / "empty.txt"));
-
-  receive({{"ChangeType", "3"},
-           {"OwnerFileID", "12"},
-           {"FullPath", "\\Docs\\note.txt"},
-           {"SharedFileTransferID", "R5"}});
-  EXPECT_FALSE(fs::exists(docs / "note.txt"));
-  EXPECT_FALSE(entryNamed(docs / "note.txt"));
-  EXPECT_TRUE(fs::exists(docs / "blank.txt")) << "only the file named goes";
-
-  receive({{"ChangeType", "3"},
-           {"OwnerFileID", "10"},
-           {"FullPath", "\\Docs"},
-           {"IsFile", "False"},
-           {"SharedFileTransferID", "R6"}});
-  EXPECT_FALSE(fs::exists(docs));
-  EXPECT_TRUE(fs::is_directory(shared())) << "the owner's folder stays";
-  for (const Value& entry : list()) {
-    const Value* name = entry.objectForKey("FileName");
-    ASSERT_NE(name, nullptr);
-    EXPECT_EQ(name->string()->find("/Ann-Laptop (Shared)/"), std::string::npos)
-        << *name->string() << " outlived its folder";
-  }
-  EXPECT_TRUE(nothingLeftInTemp());
-  EXPECT_TRUE(service->running());
 }
 
 TEST_F(ServiceProcessTest, FileFromTheCloudIsFetchedAfterTheCloudSaysItHasIt) {
@@ -538,4 +352,71 @@ TEST_F(ServiceProcessTest, FileFromTheCloudIsFetchedAfterTheCloudSaysItHasIt) {
   ASSERT_EQ(acknowledged.size(), 1U);
   EXPECT_EQ(json::parse(acknowledged[0].body)["SharedFileTransferID"], "R7");
   EXPECT_TRUE(nothingLeftInTemp());
+}
+
+TEST_F(ServiceProcessTest,
+       ThreeFilesInOneReplyLandWholeAtTheirOwnPathsPastAFolderThatCannotBeMade) {
+  const std::string a = bytesOf("abcdefghijklmnopqrstuvwxyz", 700000);
+  const std::string b = bytesOf("ABCDEFGHIJKLMNOPQRSTUVWXYZ", 1400000);
+  const std::string c = bytesOf("0123456789", 2100000);
+  // One of the three downloads, whichever starts first, is cut once.
+  annShares({{"saved", {{"S1", {{"text", a}}}, {"S2", {{"text", b}}}, {"S3", {{"text", c}}}}},
+             {"faults", {{"cutDownloadAfter", 500000}}}});
+  std::ofstream(shared() / "Notes") << "a file where a folder should be";
+  // The folder is named by the server's file table, beneath that file.
+  std::string underTheFile = (shared() / "Notes" / "Sub").string().substr(1);
+  std::replace(underTheFile.begin(), underTheFile.end(), '/', '\\');
+  offer({{{"OwnerFileID", "20"},
+          {"IsOwnerToSubscriber", "0"},
+          {"FullPathFromFileTable", underTheFile},
+          {"IsFile", "False"},
+          {"SharedFileTransferID", "R1"}},
+         {{"OwnerFileID", "21"},
+          {"FullPath", "\\a.bin"},
+          {"SavedFileID", "S1"},
+          {"SharedFileTransferID", "R2"}},
+         {{"OwnerFileID", "22"},
+          {"FullPath", "\\Docs"},
+          {"IsFile", "False"},
+          {"SharedFileTransferID", "R3"}},
+         {{"OwnerFileID", "23"},
+          {"FullPath", "\\b.bin"},
+          {"SavedFileID", "S2"},
+          {"SharedFileTransferID", "R4"}},
+         {{"OwnerFileID", "24"},
+          {"FullPath", "\\c.bin"},
+          {"SavedFileID", "S3"},
+          {"SharedFileTransferID", "R5"}}});
+  // Each acknowledgement, as the transfer and the saved file it names.
+  auto acknowledged = [&] {
+    std::multiset<std::pair<std::string, std::string>> ids;
+    for (const auto& request :
+         server.requestsFor("MAC/SharedFiles.svc/DeleteReceivedFileFromTransfer")) {
+      const json body = json::parse(request.body);
+      ids.emplace(body.value("SharedFileTransferID", ""), body.value("SavedFileID", ""));
+    }
+    return ids;
+  };
+  ASSERT_TRUE(waitUntil([&] { return acknowledged().size() >= 3; }, 60s)) << logTail();
+  ASSERT_TRUE(waitUntil([&] {
+    return numbered(shared() / "a.bin") && numbered(shared() / "b.bin") &&
+           numbered(shared() / "c.bin");
+  })) << logTail();
+
+  EXPECT_EQ(acknowledged(), (std::multiset<std::pair<std::string, std::string>>{
+                                {"R2", "S1"}, {"R4", "S2"}, {"R5", "S3"}}));
+  // No two files share a byte, so a file holding any of another's is not its own.
+  EXPECT_TRUE(contents(shared() / "a.bin") == a) << "a.bin is not byte for byte";
+  EXPECT_TRUE(contents(shared() / "b.bin") == b) << "b.bin is not byte for byte";
+  EXPECT_TRUE(contents(shared() / "c.bin") == c) << "c.bin is not byte for byte";
+  std::multiset<std::string> lengths;
+  for (const auto& request : server.requestsFor(kFetch)) {
+    lengths.insert(json::parse(request.body).value("Length", ""));
+  }
+  EXPECT_EQ(lengths, (std::multiset<std::string>{"0", "0", "0", "500000"}))
+      << "the cut download resumed from its own partial file";
+  EXPECT_TRUE(nothingLeftInTemp());
+  EXPECT_EQ(contents(shared() / "Notes"), "a file where a folder should be");
+  EXPECT_TRUE(waitUntil([&] { return numbered(shared() / "Docs"); })) << "the next folder was made";
+  EXPECT_TRUE(service->running());
 }

@@ -25,6 +25,15 @@ for version in 1138 1138.5; do
   for _ in $(seq 100); do [ -S "$socket" ] && break; sleep 0.05; done
   [ -S "$socket" ] || fail "no socket on $version: $(cat "$work/err")"
   [ "$(stat -c %a "$socket")" = 600 ] || fail "socket mode $(stat -c %a "$socket") on $version"
+  # A second service finds the socket served: it says so and exits 1, leaving the socket be.
+  env -u DBUS_SESSION_BUS_ADDRESS XDG_RUNTIME_DIR="$work/run" TALLOWBOX_APPKIT_VERSION=$version \
+    "$service" --log-stderr 2>"$work/second"
+  status=$?
+  [ "$status" -eq 1 ] || fail "a second service exited $status on $version"
+  why="SharedFilesXpcService stopped: refused to listen at $socket: another process serves it"
+  [ "$(head -n1 "$work/second")" = "$why" ] ||
+    fail "a second service gave no reason on $version: $(cat "$work/second")"
+  [ -S "$socket" ] || fail "a second service took the socket away on $version"
   kill -TERM "$service_pid"; wait "$service_pid"; status=$?; service_pid=""
   [ "$status" -eq 0 ] || fail "exit $status after SIGTERM on $version: $(cat "$work/err")"
   [ -e "$socket" ] && fail "socket left behind on $version"
@@ -41,7 +50,7 @@ dbus-daemon --session --nofork --print-address=3 3>"$work/address" 2>/dev/null &
 bus_pid=$!
 for _ in $(seq 100); do [ -s "$work/address" ] && break; sleep 0.05; done
 export DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$work/address")
-TALLOWBOX_APPKIT_VERSION=1139 "$service" --log-stderr 2>"$work/err" &
+XDG_RUNTIME_DIR="$work/run" TALLOWBOX_APPKIT_VERSION=1139 "$service" --log-stderr 2>"$work/err" &
 service_pid=$!
 call() {
   dbus-send --session --print-reply --dest=Quentara.SharedFilesXpcService --type=method_call \
@@ -49,6 +58,7 @@ call() {
 }
 for _ in $(seq 100); do call >/dev/null 2>&1 && break; sleep 0.05; done
 call >/dev/null || fail "SharedFile was not answered"
+[ -z "$(ls -A "$work/run")" ] || fail "a socket was made beside the bus: $(ls -A "$work/run")"
 call string:extra 2>"$work/call-err" && fail "a call with arguments was answered"
 grep -q "InvalidArgs" "$work/call-err" || fail "wrong error: $(cat "$work/call-err")"
 call >/dev/null || fail "the service did not carry on after a bad call"

@@ -3,14 +3,17 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
 // Counts the times a file is opened, by any process, as the kernel reports them.
 class OpenCounter {
  public:
-  explicit OpenCounter(const std::string& path) : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+  explicit OpenCounter(const std::string& path)
+      : path_(path), fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     if (fd_ < 0 || ::inotify_add_watch(fd_, path.c_str(), IN_OPEN) < 0) {
       throw std::runtime_error("cannot watch " + path);
     }
@@ -32,7 +35,16 @@ class OpenCounter {
     return opens_;
   }
 
+  // Makes the file another version without opening it (a later modification
+  // time), so that a reader that reads it again only once it has changed opens
+  // it at its next read.
+  void change() const {
+    namespace fs = std::filesystem;
+    fs::last_write_time(path_, fs::last_write_time(path_) + std::chrono::seconds(1));
+  }
+
  private:
+  std::string path_;
   int fd_;
   std::size_t opens_ = 0;
 };
