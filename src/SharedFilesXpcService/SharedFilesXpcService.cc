@@ -1,7 +1,7 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 
-#include <sys/stat.h>
 #include <malloc.h>
+#include <sys/stat.h>
 #include <cstdlib>
 
 #include <optional>

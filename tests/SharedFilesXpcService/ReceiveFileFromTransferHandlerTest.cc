@@ -182,7 +182,8 @@ TEST_F(ReceiveFileFromTransferHandlerTest, BadValuesEndThePassAndNothingIsWritte
   EXPECT_EQ(delegate->notified, before);
 }
 
-TEST_F(ReceiveFileFromTransferHandlerTest, OverlongNamesAreSkippedWithNothingFetchedAndHollowNamesFold) {
+TEST_F(ReceiveFileFromTransferHandlerTest,
+       OverlongNamesAreSkippedWithNothingFetchedAndHollowNamesFold) {
   LogCapture log;
   std::string deep;
   for (int i = 0; i < 20; ++i) deep += std::string(250, 'd') + "\\";
