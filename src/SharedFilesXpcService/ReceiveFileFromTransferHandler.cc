@@ -498,19 +498,13 @@ void ReceiveFileFromTransferHandler::setIAppsPrefs(Value::Dictionary prefs) {
 }
 
 Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {
-  PackedValue packed;
-  {
-    std::lock_guard lock(mutex_);
-    packed = sharedFilesDefaultsArray_;
-  }
-  Value list = packed.unpacked();
-  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
+  std::lock_guard lock(mutex_);
+  return sharedFilesDefaultsArray_;
 }
 
 void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(Value::Array list) {
-  PackedValue packed{Value(std::move(list))};
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(packed);
+  sharedFilesDefaultsArray_ = std::move(list);
 }
 
 std::string ReceiveFileFromTransferHandler::finalPath() const {

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "Platform/PackedValue.h"
 #include "Platform/Readings.h"
 #include "Platform/URLConnectionDelegate.h"
 #include "Platform/URLSessionDelegate.h"
@@ -148,8 +147,7 @@ class ReceiveFileFromTransferHandler
   mutable std::mutex mutex_;  // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;
   Value::Dictionary iAppsPrefs_;
-  // The pass's snapshot of the list, packed: it is held between passes.
-  PackedValue sharedFilesDefaultsArray_;
+  Value::Array sharedFilesDefaultsArray_;
   // The last download made, for finalPath(), tempFilePath() and fileLength().
   std::shared_ptr<const Download> lastDownload_;
   // The transfer of the last cloud entry that reached its download.

@@ -122,13 +122,8 @@ WireValue SendFileToTransferHandler::bytePos() const {
 }
 
 Value::Array SendFileToTransferHandler::sharedFilesDefaultsArray() const {
-  PackedValue packed;
-  {
-    std::lock_guard lock(mutex_);
-    packed = sharedFilesDefaultsArray_;
-  }
-  Value list = packed.unpacked();
-  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
+  std::lock_guard lock(mutex_);
+  return sharedFilesDefaultsArray_;
 }
 
 std::string SendFileToTransferHandler::localFileOf(const FileToTransfer& file) {
@@ -169,7 +164,7 @@ std::string SendFileToTransferHandler::localFileOf(const FileToTransfer& file) {
 void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTransfer>& files) {
   if (files.empty()) return;
   try {
-    PackedValue list(Value(SharedFilesList::load(UserDefaults::standardUserDefaults())));
+    Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
     {
       std::lock_guard lock(mutex_);
       sharedFilesDefaultsArray_ = std::move(list);

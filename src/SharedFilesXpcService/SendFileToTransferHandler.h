@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "Platform/PackedValue.h"
 #include "Platform/URLConnectionDelegate.h"
 #include "Platform/URLRequest.h"
 #include "Platform/URLSessionDelegate.h"
@@ -100,7 +99,6 @@ class SendFileToTransferHandler : public URLSessionDelegate,
   std::optional<std::string> userType_;
   WireValue bytePos_;
   std::weak_ptr<SendFileToTransferDelegate> delegate_;
-  // The list as the last pass read it, packed: it is held between passes.
-  PackedValue sharedFilesDefaultsArray_;
+  Value::Array sharedFilesDefaultsArray_;
   std::map<const void*, TransferClaims::Claim> uploading_;
 };

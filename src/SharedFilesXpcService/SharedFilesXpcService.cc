@@ -353,17 +353,11 @@ void SharedFilesXpcService::setIAppsPrefs(Value::Dictionary prefs) {
 }
 
 Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
-  PackedValue packed;
-  {
-    std::lock_guard lock(mutex_);
-    packed = sharedFilesDefaultsArray_;
-  }
-  Value list = packed.unpacked();
-  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
+  std::lock_guard lock(mutex_);
+  return sharedFilesDefaultsArray_;
 }
 
 void SharedFilesXpcService::setSharedFilesDefaultsArray(Value::Array array) {
-  PackedValue packed{Value(std::move(array))};
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(packed);
+  sharedFilesDefaultsArray_ = std::move(array);
 }

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "Platform/DispatchQueues.h"
-#include "Platform/PackedValue.h"
 #include "Platform/Value.h"
 #include "Services/OperationResult.h"
 #include "Services/Records/GetSharedFilesTransferDataResponseData.h"
@@ -113,9 +112,7 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
 
   mutable std::mutex mutex_;  // guards the members below
   Value::Dictionary iAppsPrefs_;
-  // The list as the last owner or folder pass left it, packed: it is held
-  // between passes.
-  PackedValue sharedFilesDefaultsArray_;
+  Value::Array sharedFilesDefaultsArray_;
   std::shared_ptr<SendFileToTransferHandler> sFTHandlerObj_;
   std::shared_ptr<ReceiveFileFromTransferHandler> rFTHandlerObj_;
 
