@@ -67,6 +67,7 @@ TEST(ListPassesTest, LargeGeneratedListsComeOutEntryForEntryAsTheStepByStepPasse
     // 40 mappings, each with a root; entries one and two levels below it, ids that
     // repeat, equal entries twice, and mappings the reply does not name.
     Value::Array list;
+    list.reserve(1600);
     for (int m = 0; m < 40; ++m) {
       list.emplace_back(Value::Dictionary{
           {"OwnerFileID", "0"},
@@ -87,6 +88,7 @@ TEST(ListPassesTest, LargeGeneratedListsComeOutEntryForEntryAsTheStepByStepPasse
       if (pick(50) == 0) list.push_back(entry);
     }
     std::vector<OwnerComputers> owners;
+    owners.reserve(30);
     for (int m = 0; m < 30; ++m) {
       OwnerComputers owner;
       owner.userComputerMapId = "M" + std::to_string(pick(40));
@@ -94,6 +96,7 @@ TEST(ListPassesTest, LargeGeneratedListsComeOutEntryForEntryAsTheStepByStepPasse
       owners.push_back(owner);
     }
     std::vector<SharedfoldersWithStatus> folders;
+    folders.reserve(300);
     for (int f = 0; f < 300; ++f) {
       SharedfoldersWithStatus folder;
       folder.fileId = std::to_string(1 + pick(700));

@@ -51,6 +51,7 @@ class ReceiveFailuresTest : public ReceiveFileFromTransferHandlerTest {
   void receive(const std::vector<json>& files, int notifications) {
     const int before = delegate->notified;
     std::vector<RecFileFromTransfer> entries;
+    entries.reserve(files.size());
     for (const json& f : files) entries.push_back(entry(f));
     handler->recFileFromTransfer(entries);
     ASSERT_TRUE(notifiedAtLeast(before + notifications));
