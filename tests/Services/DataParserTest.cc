@@ -94,16 +94,11 @@ TEST(DataParserTest, OrdinaryParsersReadOnlyTheirOwnKeys) {
   EXPECT_FALSE(cloud.isExists);
   EXPECT_FALSE(cloud.error);
 
-  json withError = {{"ReturnStatus", "0"}, {"ByteStartPos", "10"}, {"error", {{"m", 1}}}};
-  auto transfers = DataParser::parseCheckFileExistsInTransfersResponseData(withError);
-  EXPECT_EQ(transfers.byteStartPos, json("10"));
-  auto started = DataParser::parseUpdateBSSendStreamstartedResponseData(withError);
-  EXPECT_FALSE(started.error) << "the stream notifications leave error unread";
-  auto request = DataParser::parseGetTopFileRequestResponseData(
-      json({{"FromShared", "1"}, {"FileID", "77"}, {"FileRequestID", "9"}}));
-  EXPECT_EQ(request.sharedFlag, json("1"));
-  EXPECT_EQ(request.ownerFileID, json("77"));
-  EXPECT_EQ(request.fileRequestID, json("9"));
+  auto synced = DataParser::parseSyncFilesInTableAndCloudResponseData(
+      json::array({{{"FileID", 2}, {"ReturnStatus", "1"}, {"error", {{"m", 1}}}}}));
+  ASSERT_EQ(synced.size(), 1U);
+  EXPECT_EQ(synced[0].fileId, json(2));
+  EXPECT_FALSE(synced[0].error) << "the synchronisation leaves error unread";
 
   EXPECT_THROW(DataParser::parseLogErrorResponseData(json::array()), std::invalid_argument);
   EXPECT_THROW(DataParser::parseUploadFileWithStreamResponseData(json("0")), std::invalid_argument);
@@ -114,6 +109,7 @@ TEST(DataParserTest, OrdinaryParsersReadOnlyTheirOwnKeys) {
 
 TEST(QueryParserTest, AbsentPropertiesAreLeftOutAndValuesGoAsTheyAre) {
   GetSharedFilesTransferDataQuery query;
+  EXPECT_EQ(QueryParser::parseGetSharedFilesTransferDataQuery(query).dump(), "{}") << "never null";
   query.userId = "u1";
   EXPECT_EQ(QueryParser::parseGetSharedFilesTransferDataQuery(query).dump(), R"({"UserID":"u1"})");
   query.computerId = 12;

@@ -50,7 +50,8 @@ TEST_F(HostileReplyTest, ReplyCutAtAnyByteEndsInANetworkOrDecodingStatus) {
   }
 }
 
-TEST_F(HostileReplyTest, AnswerPast64MiBEndsWithDataLengthExceedsMaximumAndDeepJsonIsUndecodable) {
+TEST_F(HostileReplyTest,
+       AnswerPast64MiBEndsWithDataLengthExceedsMaximumAndJsonAtTheDepthBoundDecodes) {
   // 64 MiB take a while under the sanitizers; only a stall should time out.
   environment.update([](Environment& e) { e.requestTimeout = 60; });
   const std::size_t length = (64U << 20U) + 1;
@@ -68,8 +69,6 @@ TEST_F(HostileReplyTest, AnswerPast64MiBEndsWithDataLengthExceedsMaximumAndDeepJ
       });
   EXPECT_EQ(report.get_future().get(), std::make_pair(-1103L, 2));
 
-  const std::string deep = std::string(50000, '[') + std::string(50000, ']');
-  EXPECT_EQ(statusFor("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + deep), 5);
   const std::string atBound = std::string(32, '[') + std::string(32, ']');
   EXPECT_EQ(statusFor("HTTP/1.1 200 OK\r\nContent-Length: 64\r\n\r\n" + atBound), 0);
 }

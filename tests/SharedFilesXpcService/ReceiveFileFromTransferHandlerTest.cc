@@ -2,50 +2,46 @@
 // what it may write, and what it must refuse.
 #include "SharedFilesXpcService/ReceiveHandlerFixture.h"
 
+namespace {
+
+// A change of the given kind to item `owner`, with `fields` and then `more`.
+json change(const char* type, const char* owner, const char* transfer, const json& fields,
+            const json& more = json::object()) {
+  json entry = {{"ChangeType", type}, {"OwnerFileID", owner}, {"SharedFileTransferID", transfer}};
+  entry.update(fields);
+  entry.update(more);
+  return entry;
+}
+
+}  // namespace
+
 TEST_F(ReceiveFileFromTransferHandlerTest, PathsThatLeaveTheProductFolderAreRefusedAndReported) {
   LogCapture log;
+  auto removal = [](const char* isFile, const std::string& path, const char* transfer) {
+    return change("3", "F1", transfer, {{"IsFile", isFile}, {"FullPathFromFileTable", path}});
+  };
+  const std::string behindTheLink = serverPath(product() / "Eve (Shared)" / "keep.txt");
   const std::vector<json> attempts = {
       // A delete by "..", by an absolute path, through the link, and of the
       // product folder itself.
-      {{"ChangeType", "3"},
-       {"IsFile", "True"},
-       {"OwnerFileID", "F1"},
-       {"FullPathFromFileTable", serverPath(product()) + "\\..\\..\\outside\\keep.txt"},
-       {"SharedFileTransferID", "R1"}},
-      {{"ChangeType", "3"},
-       {"IsFile", "True"},
-       {"OwnerFileID", "F1"},
-       {"FullPathFromFileTable", serverPath(outside() / "keep.txt")},
-       {"SharedFileTransferID", "R2"}},
-      {{"ChangeType", "3"},
-       {"IsFile", "False"},
-       {"OwnerFileID", "F1"},
-       {"FullPathFromFileTable", serverPath(product() / "Eve (Shared)" / "keep.txt")},
-       {"SharedFileTransferID", "R3"}},
-      {{"ChangeType", "3"},
-       {"IsFile", "False"},
-       {"OwnerFileID", "F1"},
-       {"FullPathFromFileTable", serverPath(product())},
-       {"SharedFileTransferID", "R4"}},
+      removal("True", serverPath(product()) + "\\..\\..\\outside\\keep.txt", "R1"),
+      removal("True", serverPath(outside() / "keep.txt"), "R2"),
+      removal("False", behindTheLink, "R3"), removal("False", serverPath(product()), "R4"),
       // A download into the folder behind the link.
-      {{"ChangeType", "1"},
-       {"IsOwnerToSubscriber", "1"},
-       {"PrevFolderFileID", "0"},
-       {"UserComputerID", "M2"},
-       {"OwnerFileID", "F5"},
-       {"FullPath", "a.bin"},
-       {"IsFile", "True"},
-       {"FromCloud", "0"},
-       {"SavedFileID", "S5"},
-       {"SharedFileTransferID", "R5"}},
+      change("1", "F5", "R5",
+             {{"IsOwnerToSubscriber", "1"},
+              {"PrevFolderFileID", "0"},
+              {"UserComputerID", "M2"},
+              {"FullPath", "a.bin"},
+              {"IsFile", "True"},
+              {"FromCloud", "0"},
+              {"SavedFileID", "S5"}}),
       // A rename behind the link.
-      {{"ChangeType", "2"},
-       {"IsFile", "True"},
-       {"OwnerFileID", "F6"},
-       {"FullPathFromFileTable", serverPath(product() / "Eve (Shared)" / "keep.txt")},
-       {"FullPath", "keep.txt"},
-       {"NewFullPath", "moved.txt"},
-       {"SharedFileTransferID", "R6"}}};
+      change("2", "F6", "R6",
+             {{"IsFile", "True"},
+              {"FullPathFromFileTable", behindTheLink},
+              {"FullPath", "keep.txt"},
+              {"NewFullPath", "moved.txt"}})};
   int reports = 0;
   for (const json& attempt : attempts) {
     const int before = delegate->notified;
@@ -112,24 +108,19 @@ TEST_F(ReceiveFileFromTransferHandlerTest, RenamesAndDeletesKeepTheListInStepIgn
   SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
 
   // A rename of the file: moved on disk, its entry follows.
-  handler->recFileFromTransfer({entry({{"ChangeType", "2"},
-                                       {"IsOwnerToSubscriber", "1"},
-                                       {"OwnerFileID", "F1"},
-                                       {"FullPath", "Docs\\old.txt"},
-                                       {"NewFullPath", "Docs\\new.txt"},
-                                       {"IsFile", "True"},
-                                       {"SharedFileTransferID", "R1"}})});
+  handler->recFileFromTransfer({entry(change("2", "F1", "R1",
+                                             {{"IsOwnerToSubscriber", "1"},
+                                              {"FullPath", "Docs\\old.txt"},
+                                              {"NewFullPath", "Docs\\new.txt"},
+                                              {"IsFile", "True"}}))});
   EXPECT_EQ(contents(docs / "new.txt"), "o");
   EXPECT_FALSE(fs::exists(docs / "old.txt"));
   Value::Array after = SharedFilesList::load(UserDefaults::standardUserDefaults());
   EXPECT_EQ(*after[3].objectForKey("FileName"), Value((docs / "new.txt").string()));
 
   // A delete of the folder: every entry whose name begins with it, in any case.
-  handler->recFileFromTransfer({entry({{"ChangeType", "3"},
-                                       {"IsOwnerToSubscriber", "1"},
-                                       {"OwnerFileID", "D1"},
-                                       {"IsFile", "False"},
-                                       {"SharedFileTransferID", "R2"}})});
+  handler->recFileFromTransfer(
+      {entry(change("3", "D1", "R2", {{"IsOwnerToSubscriber", "1"}, {"IsFile", "False"}}))});
   EXPECT_FALSE(fs::exists(docs));
   after = SharedFilesList::load(UserDefaults::standardUserDefaults());
   ASSERT_EQ(after.size(), 2U) << "the two roots stay";
@@ -139,29 +130,18 @@ TEST_F(ReceiveFileFromTransferHandlerTest, RenamesAndDeletesKeepTheListInStepIgn
 }
 
 TEST_F(ReceiveFileFromTransferHandlerTest, BadValuesEndThePassAndNothingIsWrittenOutside) {
-  const std::vector<json> bad = {{{"ChangeType", {{"a", 1}}}, {"SharedFileTransferID", "R1"}},
-                                 {{"ChangeType", "1"},
-                                  {"IsOwnerToSubscriber", "0"},
-                                  {"IsFile", "True"},
-                                  {"FullPathFromFileTable", std::string("home\\x\\a\0b", 10)},
-                                  {"OwnerFileID", "F1"},
-                                  {"SharedFileTransferID", "R2"}},
-                                 {{"ChangeType", "1"},
-                                  {"IsOwnerToSubscriber", "1"},
-                                  {"PrevFolderFileID", "0"},
-                                  {"UserComputerID", "M1"},
-                                  {"OwnerFileID", "F3"},
-                                  {"FullPath", std::string(300, 'n')},
-                                  {"IsFile", "False"},
-                                  {"SharedFileTransferID", "R3"}},
-                                 {{"ChangeType", "1"},
-                                  {"IsOwnerToSubscriber", "1"},
-                                  {"PrevFolderFileID", "0"},
-                                  {"UserComputerID", "M1"},
-                                  {"OwnerFileID", nullptr},
-                                  {"FullPath", "x"},
-                                  {"IsFile", "False"},
-                                  {"SharedFileTransferID", "R4"}}};
+  const json folder = {{"IsOwnerToSubscriber", "1"},
+                       {"PrevFolderFileID", "0"},
+                       {"UserComputerID", "M1"},
+                       {"IsFile", "False"}};
+  const std::vector<json> bad = {
+      {{"ChangeType", {{"a", 1}}}, {"SharedFileTransferID", "R1"}},
+      change("1", "F1", "R2",
+             {{"IsOwnerToSubscriber", "0"},
+              {"IsFile", "True"},
+              {"FullPathFromFileTable", std::string("home\\x\\a\0b", 10)}}),
+      change("1", "F3", "R3", folder, {{"FullPath", std::string(300, 'n')}}),
+      change("1", "", "R4", folder, {{"OwnerFileID", nullptr}, {"FullPath", "x"}})};
   for (const json& value : bad) {
     const int before = delegate->notified;
     handler->recFileFromTransfer({entry(value)});
@@ -169,12 +149,7 @@ TEST_F(ReceiveFileFromTransferHandlerTest, BadValuesEndThePassAndNothingIsWritte
     expectConfined();
   }
   // Another kind of change passes through to its acknowledgement only.
-  handler->recFileFromTransfer({entry({{"ChangeType", "9"},
-                                       {"IsOwnerToSubscriber", "1"},
-                                       {"OwnerFileID", "0"},
-                                       {"UserComputerID", "M1"},
-                                       {"IsFile", "False"},
-                                       {"SharedFileTransferID", "R9"}})});
+  handler->recFileFromTransfer({entry(change("9", "0", "R9", folder))});
   ASSERT_TRUE(waitUntil([&] { return !server.requestsFor(kReceived).empty(); }));
   // Nothing to receive: nobody is told.
   const int before = delegate->notified;
@@ -224,11 +199,8 @@ TEST_F(ReceiveFileFromTransferHandlerTest,
   Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
   list.push_back(Value(Value::Dictionary{{"OwnerFileID", "F8"}, {"Blocked", "0"}}));
   SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
-  handler->recFileFromTransfer({entry({{"ChangeType", "3"},
-                                       {"IsOwnerToSubscriber", "1"},
-                                       {"OwnerFileID", "F8"},
-                                       {"IsFile", "True"},
-                                       {"SharedFileTransferID", "R3"}})});
+  handler->recFileFromTransfer(
+      {entry(change("3", "F8", "R3", {{"IsOwnerToSubscriber", "1"}, {"IsFile", "True"}}))});
   ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kReceived).size() >= 2; }));
   EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)" / "Docs" / "Sub"));
   expectConfined();

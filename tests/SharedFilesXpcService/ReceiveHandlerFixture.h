@@ -9,6 +9,7 @@
 
 #include "Platform/UserDefaults.h"
 #include "ReferenceServer.h"
+#include "Services/DataParser.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
 #include "support/FixedReachability.h"
@@ -30,27 +31,11 @@ class CountingDelegate : public ReceiveFileFromTransferDelegate {
   std::atomic<int> notified{0};
 };
 
+// An entry of the server's pending work, as the pass reads it.
 inline RecFileFromTransfer entry(const json& fields) {
-  RecFileFromTransfer file;
-  auto field = [&](const char* key) -> WireValue {
-    return fields.contains(key) ? WireValue(fields[key]) : std::nullopt;
-  };
-  file.changeType = field("ChangeType");
-  file.fromCloud = field("FromCloud");
-  file.fromComputerId = field("FromComputerID");
-  file.fullPath = field("FullPath");
-  file.fullPathFromFileTable = field("FullPathFromFileTable");
-  file.isFile = field("IsFile");
-  file.isOwnerToSubscriber = field("IsOwnerToSubscriber");
-  file.fullPathNew = field("NewFullPath");
-  file.nickName = field("NickName");
-  file.ownerFileId = field("OwnerFileID");
-  file.prevFolderFileId = field("PrevFolderFileID");
-  file.savedFileId = field("SavedFileID");
-  file.sharedFileTransferId = field("SharedFileTransferID");
-  file.toComputerId = field("ToComputerID");
-  file.userComputerId = field("UserComputerID");
-  return file;
+  return DataParser::parseGetSharedFilesTransferDataResponseData(
+             {{"RecFileFromTransfer", json::array({fields})}})
+      .RecFileFromTransferArray.at(0);
 }
 
 inline std::string contents(const fs::path& path) {

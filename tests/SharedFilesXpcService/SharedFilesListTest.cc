@@ -30,13 +30,6 @@ class SharedFilesListTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(SharedFilesListTest, AbsentListLoadsEmptyAndAStoredListLoadsBackWhole) {
-  EXPECT_TRUE(SharedFilesList::load(defaults).empty());
-  Value::Array list = {entry("0", "1"), entry("31", "0")};
-  SharedFilesList::store(defaults, list);
-  EXPECT_EQ(SharedFilesList::load(defaults), list);
-}
-
 TEST_F(SharedFilesListTest, OfTwoEqualEntriesOnlyTheFirstChanges) {
   Value::Array list = {entry("9", "0"), entry("31", "1"), entry("31", "1")};
   Value match = SharedFilesList::filter(list, "(OwnerFileID == %@)", {Value("31")}).at(1);
@@ -47,13 +40,6 @@ TEST_F(SharedFilesListTest, OfTwoEqualEntriesOnlyTheFirstChanges) {
   // The changed entry is a new value: changing the old one again finds the second.
   SharedFilesList::setValueOfEntry(list, entry("31", "1"), "Blocked", "0");
   EXPECT_EQ(*list[2].objectForKey("Blocked"), Value("0"));
-}
-
-TEST_F(SharedFilesListTest, IdentifiersMatchAsTextSo12NeverMatches012) {
-  Value::Array list = {entry("012", "1"), entry("12", "1")};
-  Value::Array matches = SharedFilesList::filter(list, "(OwnerFileID == %@)", {Value("12")});
-  ASSERT_EQ(matches.size(), 1U);
-  EXPECT_EQ(matches[0], entry("12", "1"));
 }
 
 TEST_F(SharedFilesListTest, EntryNotInTheListOrNotADictionaryThrowsAndChangesNothing) {

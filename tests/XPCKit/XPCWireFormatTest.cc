@@ -132,17 +132,12 @@ TEST(XPCWireFormatTest, DecoderRefusesWhatIsNotExactlyOneWellFormedPayloadAndSay
       {"", "the magic number needs 4 bytes and only 0 are left at offset 0"},
       {"42371343 05000000 00100000", "not a message: magic number 0x43133742"},
       {"42371342 04000000 00100000", "version 4, not 5"},
-      {kHeader, "a type tag needs 4 bytes and only 0 are left at offset 8"},
-      {kHeader + "00300000 01000000", "an int64 needs 8 bytes and only 4 are left at offset 12"},
       {kHeader + "00600000", "an unknown type tag 0x00006000 at offset 8"},
       {kHeader + "00200000 02000000", "a bool of 2 at offset 16"},
       {kHeader + "00100000 00100000", "4 bytes after the message at offset 12"},
-      {kHeader + "00900000 ff000000 61626300", "a string needs 256 bytes and only 4 are left"},
       {kHeader + "00900000 00000000", "a string whose length does not count its NUL"},
-      {kHeader + "00900000 04000000 61006200", "a string whose NUL is not its last byte"},
       {kHeader + "00900000 04000000 61626364", "a string whose NUL is not its last byte"},
       {kHeader + "00800000 ffffffff 01020304", "data needs 4294967296 bytes and only 4 are left"},
-      {kHeader + "00a00000 00112233", "a uuid needs 16 bytes and only 4 are left"},
       {kHeader + "00e00000 ff000000 00000000", "an array needs 255 bytes and only 4 are left"},
       {kHeader + "00e00000 04000000 ffffffff",
        "an array of 4294967295 entries in 0 bytes at offset 20"},
@@ -160,7 +155,6 @@ TEST(XPCWireFormatTest, DecoderRefusesWhatIsNotExactlyOneWellFormedPayloadAndSay
       {kHeader + "00f00000 0c000000 01000000 61626364 65666768 00100000",
        "a dictionary key without its NUL at offset 20"},
       {kHeader + "00b00000 01000000", "a file descriptor names descriptor 1 of 1 sent"},
-      {kHeader + "00c00000 07000000", "shared memory names descriptor 7 of 1 sent"},
   };
   for (const Case& c : cases) {
     const std::string why = refusal(bytes(c.payload), one);

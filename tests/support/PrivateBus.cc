@@ -12,7 +12,7 @@
 
 #include "support/ChildProcess.h"
 
-PrivateBus::PrivateBus(const std::string& configFolder, const std::string& servicesFolder) {
+PrivateBus::PrivateBus(const std::string& configFolder) {
   const std::string config = configFolder + "/bus.conf";
   {
     std::ofstream out(config);
@@ -21,7 +21,6 @@ PrivateBus::PrivateBus(const std::string& configFolder, const std::string& servi
            "<busconfig><type>session</type>"
            "<listen>unix:dir="
         << configFolder << "</listen>";
-    if (!servicesFolder.empty()) out << "<servicedir>" << servicesFolder << "</servicedir>";
     out << "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
            "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
   }

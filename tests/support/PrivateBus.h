@@ -6,10 +6,9 @@
 #include <vector>
 
 // A private D-Bus session bus (dbus-daemon) for one test, stopped on destruction.
-// `servicesFolder`, when given, is where the bus looks for activation files.
 class PrivateBus {
  public:
-  explicit PrivateBus(const std::string& configFolder, const std::string& servicesFolder = "");
+  explicit PrivateBus(const std::string& configFolder);
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;

@@ -120,13 +120,6 @@ TEST_F(CatalogueCallTest, ARefusingReplyIsPrintedAndExitsOneWithItsStatusAndErro
                                               "error": {"Message": "mail in use"}})"));
   EXPECT_NE(refused.err.find("ReturnStatus \"4\""), std::string::npos) << refused.err;
   EXPECT_NE(refused.err.find("mail in use"), std::string::npos) << refused.err;
-
-  // The state's own refusal: a computer its user does not own.
-  server.state().load(R"({"users": {"U1": {"computers": ["C1"]}}})");
-  Outcome notTheirs =
-      call({"GetSharedFilesTransferData", R"({"UserID": "U2", "ComputerID": "C1"})"});
-  EXPECT_EQ(notTheirs.exit, 1);
-  EXPECT_EQ(printed(notTheirs)["ReturnStatus"], json("1"));
 }
 
 TEST_F(CatalogueCallTest, BadInputIsRefusedWithExitTwoAndNothingIsSent) {
@@ -141,18 +134,13 @@ TEST_F(CatalogueCallTest, BadInputIsRefusedWithExitTwoAndNothingIsSent) {
       {{"GetEverything", "{}"}, "unknown operation \"GetEverything\""},
       {{"UpdateSendFileToTransfer"}, "did you mean updateSendFileToTransfer?"},
       {{"GetTopFileUpload", R"(["ToComputerID", "C2"])"}, "must be a JSON object, not array"},
-      {{"GetTopFileUpload", R"("C2")"}, "must be a JSON object, not string"},
       {{"GetTopFileUpload", R"({"ToComputerID": "C2")"}, "not JSON"},
-      {{"GetTopFileUpload", ""}, "not JSON"},
-      {{"GetTopFileUpload", R"({"ToComputerId": "C2"})"},
-       "no request field \"ToComputerId\"; its fields: ToComputerID"},
       {{"CheckFileExistsInTransfers", R"({"FullPathFromFileTable": "x"})"},
-       "its fields: SharedFileTransferID, FullPathfromFileTable"},
+       "no request field \"FullPathFromFileTable\"; its fields: SharedFileTransferID, "
+       "FullPathfromFileTable"},
       {{"SyncFilesInTableAndCloud", R"([{"FileID": "F1"}])"}, "must be a JSON object"},
       {{"SyncFilesInTableAndCloud", R"({"syncData": {"FileID": "F1"}})"}, "syncData must be"},
       {{"SyncFilesInTableAndCloud", R"({"syncData": ["F1"]})"}, "must be a JSON object"},
-      {{"SyncFilesInTableAndCloud", R"({"syncData": [{"FileId": "F1"}]})"},
-       "no request field \"FileId\""},
       {{"SyncFilesInTableAndCloud", R"({"changes": []})"}, "no request field \"changes\""},
       {{"GetTopFileUpload",
         R"({"ToComputerID": )" + std::string(40, '[') + std::string(40, ']') + "}"},
@@ -200,6 +188,7 @@ TEST_F(CatalogueCallTest, NoAnswerExitsThreeAndSaysWhy) {
                 ReferenceServer::json({{"ReturnStatus", "0"}}));
   EXPECT_EQ(call({"SyncFilesInTableAndCloud", R"({"syncData": []})"}).exit, 3)
       << "an object where the list of results belongs";
+  EXPECT_EQ(lastBody(), json::array()) << "no changes: an empty array, never null";
 
   // A legacy host sends nothing for the stream operations: said so, not waited for.
   server.clearRequests();

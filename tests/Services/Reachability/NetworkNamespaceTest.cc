@@ -12,7 +12,6 @@
 #include "Platform/NotificationCenter.h"
 #include "Services/NetWorkConnectionStatus.h"
 #include "Services/Reachability/Reachability.h"
-#include "Services/RestConnector.h"
 
 using namespace std::chrono_literals;
 
@@ -66,21 +65,4 @@ TEST(NetworkNamespaceTest, ADefaultRouteMakesTheNetworkReachableAndIsNotified) {
   EXPECT_EQ(Reachability::reachabilityForLocalWiFi()->currentReachabilityStatus(), 1);
   ASSERT_EQ(deleteDefaultRoute(), 0);
   EXPECT_FALSE(Reachability::isReachable());
-}
-
-TEST(NetworkNamespaceTest, EveryConnectorStartReportsNotReachableAtOnceWithoutATask) {
-  auto connector = RestConnector::create();
-  std::vector<int> statuses;
-  auto record = [&](const ConnectorResult& /*result*/, int status) { statuses.push_back(status); };
-  connector->startAsyncTask("MAC/SharedFiles.svc/GetSharedFilesTransferData",
-                            RestConnector::Params::object(), nullptr, record);
-  connector->startAsyncDownloadWithStreamRequest(
-      "Downloads.svc/UpdateFileRequestWithStream", RestConnector::Params::object(), nullptr,
-      [&](const std::optional<URLResponse>&, const ConnectorResult& r, int s) { record(r, s); });
-  connector->startAsyncDownload("http://127.0.0.1:9/x", nullptr, record);
-  connector->startAsyncUploadWithStreamRequest("Uploads.svc/GetTopFileUploadWithStream",
-                                               RestConnector::Params::object(), nullptr, record);
-  connector->startAsyncUpload("Uploads.svc/X", RestConnector::Params::object(), nullptr, record);
-  EXPECT_EQ(statuses, std::vector<int>({1, 1, 1, 1, 1}));
-  EXPECT_FALSE(connector->sessionTask());
 }
