@@ -132,13 +132,33 @@ struct CurlCallbacks {
         task->heldBack_.store(true);
         if (task->undelivered_.load() >= CurlEngine::kResumeBelow ||
             !task->heldBack_.exchange(false)) {
+          transfer.heldForDelegate = true;
           return CURL_WRITEFUNC_PAUSE;  // libcurl hands the same bytes again later
         }
       }
-      transfer.pending.append(data, length);
-      if (transfer.pending.size() >= CurlEngine::kDeliveryPiece) deliverPending(*task);
+      gather(*task, data, length);
     }
     return length;
+  }
+
+  // Adds `length` bytes to the pieces for the delegate, handing over each piece
+  // as it fills.
+  static void gather(URLSessionTask& task, const char* data, std::size_t length) {
+    CurlTransfer& transfer = *task.transfer_;
+    const auto now = std::chrono::steady_clock::now();
+    transfer.lastArrival = now;
+    while (length > 0) {
+      if (transfer.pending.empty()) {
+        transfer.pendingSince = now;
+        transfer.pending.reserve(CurlEngine::kDeliveryPiece);
+      }
+      const std::size_t taken =
+          std::min(length, CurlEngine::kDeliveryPiece - transfer.pending.size());
+      transfer.pending.append(data, taken);
+      data += taken;
+      length -= taken;
+      if (transfer.pending.size() == CurlEngine::kDeliveryPiece) deliverPending(task);
+    }
   }
 
   static int debug(CURL* /*easy*/, curl_infotype type, char* data, size_t size, void* user) {
@@ -152,33 +172,54 @@ struct CurlCallbacks {
   // Hands what has gathered to the delegate's queue.
   static void deliverPending(URLSessionTask& task) {
     CurlTransfer& transfer = *task.transfer_;
-    transfer.lastDelivery = std::chrono::steady_clock::now();
     if (transfer.pending.empty()) return;
     task.undelivered_.fetch_add(transfer.pending.size());
     auto self = task.shared_from_this();
     task.session_->deliver([self, chunk = std::move(transfer.pending)] {
-      if (auto delegate = self->session_->delegate()) delegate->didReceiveData(*self, chunk);
+      // Taken off the queue before it is handled, so that a transfer held back
+      // goes on while the delegate still has this piece to handle.
       CurlEngine::shared().delivered(self, chunk.size());
+      if (auto delegate = self->session_->delegate()) delegate->didReceiveData(*self, chunk);
     });
     transfer.pending.clear();
   }
 
   static size_t read(char* buffer, size_t size, size_t count, void* user) {
     auto* task = static_cast<URLSessionTask*>(user);
-    long n = task->transfer_->body->read(buffer, size * count);
-    return n < 0 ? CURL_READFUNC_ABORT : static_cast<size_t>(n);
+    CurlTransfer& transfer = *task->transfer_;
+    // libcurl asks for more only once what it took before has gone.
+    transfer.bodyGone = transfer.bodyRead;
+    long n = transfer.body->read(buffer, size * count);
+    if (n < 0) return CURL_READFUNC_ABORT;
+    transfer.bodyRead += n;
+    transfer.bodyEnded = n == 0;
+    reportSent(*task);
+    return static_cast<size_t>(n);
+  }
+
+  // Tells the delegate how much of the body has gone, in steps of at least
+  // kProgressStep and once at its end.
+  static void reportSent(URLSessionTask& task) {
+    CurlTransfer& transfer = *task.transfer_;
+    const std::int64_t sent = transfer.bodyGone - transfer.bodyReported;
+    if (task.completion_ || sent <= 0) return;
+    if (sent < CurlEngine::kProgressStep && !transfer.bodyEnded) return;
+    transfer.bodyReported = transfer.bodyGone;
+    auto self = task.shared_from_this();
+    task.session_->deliver([self, sent, total = transfer.bodyGone, expected = transfer.bodyLength] {
+      if (auto delegate = self->session_->delegate()) {
+        delegate->didSendBodyData(*self, sent, total, expected);
+      }
+    });
   }
 
   // Called at least once a second while the transfer lives.
-  static int progress(void* user, curl_off_t /*dltotal*/, curl_off_t dlnow, curl_off_t ultotal,
+  static int progress(void* user, curl_off_t /*dltotal*/, curl_off_t dlnow, curl_off_t /*ultotal*/,
                       curl_off_t ulnow) {
     auto* task = static_cast<URLSessionTask*>(user);
     CurlTransfer& transfer = *task->transfer_;
     // Request time-out: no byte either way for that long.
     auto now = std::chrono::steady_clock::now();
-    if (!transfer.pending.empty() && now - transfer.lastDelivery > CurlEngine::kDeliveryDelay) {
-      deliverPending(*task);  // a slow answer is not kept back
-    }
     if (task->heldBack_.load()) {
       transfer.lastActivity = now;  // waiting on the delegate, not on the network
     } else if (dlnow + ulnow != transfer.bytesMoved) {
@@ -188,17 +229,12 @@ struct CurlCallbacks {
       transfer.timedOut = true;
       return 1;
     }
-    if (ulnow > transfer.bytesSent && !task->completion_) {
-      std::int64_t sent = ulnow - transfer.bytesSent;
-      transfer.bytesSent = ulnow;
-      std::int64_t expected =
-          transfer.bodyLength >= 0 ? transfer.bodyLength : (ultotal > 0 ? ultotal : -1);
-      auto self = task->shared_from_this();
-      task->session_->deliver([self, sent, total = static_cast<std::int64_t>(ulnow), expected] {
-        if (auto delegate = self->session_->delegate()) {
-          delegate->didSendBodyData(*self, sent, total, expected);
-        }
-      });
+    // A body of known length is counted by libcurl as it goes (a stream's count
+    // holds its chunks' framing too, so a stream is counted by its reads).
+    if (transfer.bodyLength >= 0 && ulnow > transfer.bodyGone) {
+      transfer.bodyGone = std::min<std::int64_t>(ulnow, transfer.bodyLength);
+      transfer.bodyEnded = transfer.bodyGone == transfer.bodyLength;
+      reportSent(*task);
     }
     return 0;
   }
@@ -249,9 +285,13 @@ void CurlEngine::delivered(const std::shared_ptr<URLSessionTask>& task, std::siz
       std::lock_guard lock(task->mutex_);
       suspended = task->state_ == URLSessionTask::State::kSuspended;
     }
-    if (!suspended && task->transfer_ && task->transfer_->easy != nullptr) {
-      curl_easy_pause(task->transfer_->easy, CURLPAUSE_CONT);
-    }
+    if (!task->transfer_ || task->transfer_->easy == nullptr) return;
+    CurlTransfer& transfer = *task->transfer_;
+    // The time held back is no pause of the answer: the piece being gathered
+    // fills on from here.
+    transfer.heldForDelegate = false;
+    transfer.pendingSince = transfer.lastArrival = std::chrono::steady_clock::now();
+    if (!suspended) curl_easy_pause(transfer.easy, CURLPAUSE_CONT);
   });
 }
 
@@ -283,8 +323,27 @@ void CurlEngine::run() {
       std::shared_ptr<URLSessionTask> task = it->second;
       finish(task, message->data.result);
     }
-    curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+    const std::chrono::milliseconds wait = handOverDuePieces();
+    curl_multi_poll(multi_, nullptr, 0, static_cast<int>(wait.count()), nullptr);
   }
+}
+
+std::chrono::milliseconds CurlEngine::handOverDuePieces() {
+  using std::chrono::milliseconds;
+  const auto now = std::chrono::steady_clock::now();
+  milliseconds wait{1000};
+  for (const auto& [easy, task] : active_) {
+    CurlTransfer& transfer = *task->transfer_;
+    if (transfer.pending.empty() || transfer.heldForDelegate) continue;
+    const auto due =
+        std::min(transfer.lastArrival + kDeliveryPause, transfer.pendingSince + kDeliveryLatency);
+    if (due <= now) {
+      CurlCallbacks::deliverPending(*task);
+    } else {
+      wait = std::min(wait, std::chrono::ceil<milliseconds>(due - now));
+    }
+  }
+  return wait;
 }
 
 namespace {
@@ -350,6 +409,9 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   if (task->kind_ != URLSessionTask::Kind::kDownload && !task->completion_) {
     // Data for a delegate comes in large pieces: fewer hand-overs per file.
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 256L * 1024L);
+  }
+  if (task->kind_ == URLSessionTask::Kind::kUploadFromFile || request.httpBodyStream) {
+    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(kUploadPiece));
   }
   if ((transfer.sentHeaders = Environment::current()->sentHeaders)) {
     curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, &CurlCallbacks::debug);
@@ -448,8 +510,14 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
 
 void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, int curlCode) {
   auto result = static_cast<CURLcode>(curlCode);
+  CurlTransfer& transfer = *task->transfer_;
+  if (result == CURLE_OK) {
+    // An answer came, so the whole body went before it.
+    transfer.bodyGone = transfer.bodyLength >= 0 ? transfer.bodyLength : transfer.bodyRead;
+    transfer.bodyEnded = true;
+    CurlCallbacks::reportSent(*task);
+  }
   CurlCallbacks::deliverPending(*task);  // what arrived goes before the ending
-  const CurlTransfer& transfer = *task->transfer_;
   // Refused at its first byte, or at its end when it had none.
   const std::optional<long> refused =
       result == CURLE_OK ? CurlCallbacks::refusedStatus(*task) : transfer.refusedStatus;

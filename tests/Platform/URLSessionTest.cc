@@ -12,6 +12,7 @@
 #include "ReferenceServer.h"
 #include "support/RawReplyServer.h"
 #include "support/SentHeaders.h"
+#include "support/Sha256.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -32,9 +33,13 @@ URLSession::DelegateQueue mainQueue() {
 
 class Recorder : public URLSessionDelegate {
  public:
+  struct Step {
+    std::int64_t sent, total, expected;
+  };
   void didReceiveData(URLSessionTask& /*task*/, const std::string& data) override {
     std::lock_guard lock(mutex);
     received += data;
+    pieces.push_back(data.size());
   }
   void didSendBodyData(URLSessionTask& /*task*/, std::int64_t sent, std::int64_t total,
                        std::int64_t expected) override {
@@ -42,6 +47,7 @@ class Recorder : public URLSessionDelegate {
     sentSum += sent;
     lastTotal = total;
     lastExpected = expected;
+    steps.push_back({sent, total, expected});
   }
   void didCompleteWithError(URLSessionTask& /*task*/,
                             const std::optional<PlatformError>& error) override {
@@ -50,6 +56,8 @@ class Recorder : public URLSessionDelegate {
   std::mutex mutex;
   std::string received;
   std::int64_t sentSum = 0, lastTotal = 0, lastExpected = 0;
+  std::vector<std::size_t> pieces;  // the size of each didReceiveData's data
+  std::vector<Step> steps;          // each didSendBodyData
   std::promise<std::optional<PlatformError>> done;
 };
 
@@ -103,6 +111,7 @@ class URLSessionTest : public ::testing::Test {
   struct Streamed {
     std::string received;
     std::optional<PlatformError> error;
+    std::vector<std::size_t> pieces;
   };
   static Streamed stream(URLRequest request) {
     auto recorder = std::make_shared<Recorder>();
@@ -113,7 +122,7 @@ class URLSessionTest : public ::testing::Test {
     if (done.wait_for(30s) != std::future_status::ready) throw std::runtime_error("no report");
     std::optional<PlatformError> error = done.get();
     std::lock_guard lock(recorder->mutex);
-    return {recorder->received, error};
+    return {recorder->received, error, recorder->pieces};
   }
 
   ReferenceServer server;
@@ -209,6 +218,72 @@ TEST_F(URLSessionTest, StreamedUploadSendsTheFileFromItsOffsetChunkedAndReportsP
   EXPECT_EQ(recorder->received, R"({"ReturnStatus":"0"})");
   EXPECT_GE(recorder->sentSum, 199000);
   EXPECT_EQ(recorder->sentSum, recorder->lastTotal);
+}
+
+TEST_F(URLSessionTest, AnswerOf16MiBReachesItsDelegateInPiecesOfAtMostOneMiBAddingUpToEveryByte) {
+  std::string body(16U << 20U, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i)
+    body[i] = static_cast<char>((i * 11 + i / 65521) & 0xFF);
+  server.script("Sixteen", ReferenceServer::raw(body));
+
+  Streamed streamed = stream(post("Sixteen"));
+
+  EXPECT_FALSE(streamed.error);
+  ASSERT_EQ(streamed.received.size(), 16777216U);
+  EXPECT_TRUE(streamed.received == body) << "every byte, in order";
+  std::size_t sum = 0;
+  for (std::size_t piece : streamed.pieces) {
+    EXPECT_GT(piece, 0U);
+    EXPECT_LE(piece, 1048576U);
+    sum += piece;
+  }
+  EXPECT_EQ(sum, 16777216U);
+  EXPECT_GE(streamed.pieces.size(), 16U);
+}
+
+TEST_F(URLSessionTest, StreamedUploadOf16MiBReportsItsProgressInAHandfulOfStepsEndingAtItsSize) {
+  const std::string path = folder.file("sixteen.bin");
+  {
+    std::string block(1U << 20U, '\0');
+    std::ofstream out(path, std::ios::binary);
+    for (std::size_t m = 0; m < 16; ++m) {
+      for (std::size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<char>((i * 5 + m * 7 + i / 4099) & 0xFF);
+      out.write(block.data(), static_cast<std::streamsize>(block.size()));
+    }
+  }
+  URLRequest request = post("MAC/SharedFiles.svc/UpdateSendFileToTransfer", "");
+  request.setValueForHTTPHeaderField("application/octet-stream", "Content-Type");
+  request.setValueForHTTPHeaderField("T16", "SharedFileTransferID");
+  request.setValueForHTTPHeaderField("16777216", "Length");
+  request.httpBodyStream = std::make_shared<InputStream>(path, 0);
+  auto recorder = std::make_shared<Recorder>();
+  auto session = URLSession::sessionWithConfiguration({}, recorder, mainQueue());
+  auto task = session->uploadTaskWithStreamedRequest(request);
+  task->resume();
+  auto done = recorder->done.get_future();
+  ASSERT_EQ(done.wait_for(60s), std::future_status::ready);
+  EXPECT_FALSE(done.get());
+
+  nlohmann::json held = server.state().snapshot()["transfers"]["T16"];
+  EXPECT_EQ(held["length"], 16777216);
+  EXPECT_EQ(held["sha256"], sha256Of(path)) << "the server holds the file byte for byte";
+  std::lock_guard lock(recorder->mutex);
+  ASSERT_FALSE(recorder->steps.empty());
+  EXPECT_LE(recorder->steps.size(), 6U) << "a step per 3 MiB at most, and one at the end";
+  std::int64_t before = 0;
+  for (std::size_t i = 0; i < recorder->steps.size(); ++i) {
+    const Recorder::Step& step = recorder->steps[i];
+    EXPECT_GT(step.total, before) << "step " << i;
+    EXPECT_EQ(step.sent, step.total - before) << "step " << i;
+    EXPECT_EQ(step.expected, -1) << "a stream's length is unknown until its end";
+    if (i + 1 < recorder->steps.size()) {
+      EXPECT_GE(step.sent, 3145728) << "step " << i;
+    }
+    before = step.total;
+  }
+  EXPECT_EQ(recorder->steps.back().total, 16777216);
+  EXPECT_EQ(recorder->sentSum, 16777216);
 }
 
 TEST_F(URLSessionTest, UploadFromFileSendsItsLengthAndDownloadHandsOverAFileRemovedAfterwards) {
