@@ -2,6 +2,18 @@
 
 #include <algorithm>
 
+namespace {
+std::atomic<std::size_t> gLiveQueues{0};
+}  // namespace
+
+OperationQueue::OperationQueue(DispatchQueues& queues) : strand_(queues.makeSerialQueue()) {
+  gLiveQueues.fetch_add(1, std::memory_order_relaxed);
+}
+
+OperationQueue::~OperationQueue() { gLiveQueues.fetch_sub(1, std::memory_order_relaxed); }
+
+std::size_t OperationQueue::liveInstances() { return gLiveQueues.load(std::memory_order_relaxed); }
+
 std::shared_ptr<OperationQueue> OperationQueue::create(DispatchQueues& queues) {
   return std::shared_ptr<OperationQueue>(new OperationQueue(queues));
 }

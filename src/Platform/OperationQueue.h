@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -25,6 +26,13 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
 
   static std::shared_ptr<OperationQueue> create(DispatchQueues& queues = DispatchQueues::shared());
 
+  ~OperationQueue();
+  OperationQueue(const OperationQueue&) = delete;
+  OperationQueue& operator=(const OperationQueue&) = delete;
+  // Tests: the queues that exist now. A session's own queue goes with the
+  // session, a connection's with the connection.
+  static std::size_t liveInstances();
+
   // Runs `work` after every earlier operation, unless it is cancelled first.
   std::shared_ptr<Operation> addOperationWithBlock(Scheduler::Work work);
   // The operations not yet finished (the running one included), in order.
@@ -33,7 +41,7 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
   bool isCurrent() const;
 
  private:
-  explicit OperationQueue(DispatchQueues& queues) : strand_(queues.makeSerialQueue()) {}
+  explicit OperationQueue(DispatchQueues& queues);
 
   DispatchQueues::SerialQueue strand_;
   mutable std::mutex mutex_;  // guards operations_

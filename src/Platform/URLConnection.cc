@@ -1,5 +1,11 @@
 #include "Platform/URLConnection.h"
 
+#include <atomic>
+
+namespace {
+std::atomic<std::size_t> gLiveConnections{0};
+}  // namespace
+
 std::shared_ptr<URLConnection> URLConnection::create(
     URLRequest request, std::shared_ptr<URLConnectionDelegate> delegate, bool startImmediately) {
   std::shared_ptr<URLConnection> connection(
@@ -9,7 +15,15 @@ std::shared_ptr<URLConnection> URLConnection::create(
 }
 
 URLConnection::URLConnection(URLRequest request, std::shared_ptr<URLConnectionDelegate> delegate)
-    : request_(std::move(request)), delegate_(std::move(delegate)) {}
+    : request_(std::move(request)), delegate_(std::move(delegate)) {
+  gLiveConnections.fetch_add(1, std::memory_order_relaxed);
+}
+
+URLConnection::~URLConnection() { gLiveConnections.fetch_sub(1, std::memory_order_relaxed); }
+
+std::size_t URLConnection::liveInstances() {
+  return gLiveConnections.load(std::memory_order_relaxed);
+}
 
 void URLConnection::start() {
   auto session = URLSession::sessionWithConfiguration(

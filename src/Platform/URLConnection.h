@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <mutex>
 
@@ -17,7 +18,12 @@ class URLConnection : public URLSessionDelegate,
   static std::shared_ptr<URLConnection> create(URLRequest request,
                                                std::shared_ptr<URLConnectionDelegate> delegate,
                                                bool startImmediately);
-  ~URLConnection() override = default;
+  ~URLConnection() override;
+  URLConnection(const URLConnection&) = delete;
+  URLConnection& operator=(const URLConnection&) = delete;
+  // Tests: the connections that exist now. A connection keeps itself only while
+  // it loads, so after every exchange has ended this is back where it was.
+  static std::size_t liveInstances();
 
   void start();
   void cancel();

@@ -8,6 +8,8 @@
 
 namespace {
 std::atomic<std::uint64_t> gNextTaskIdentifier{1};
+std::atomic<std::size_t> gLiveTasks{0};
+std::atomic<std::size_t> gLiveSessions{0};
 }  // namespace
 
 URLSessionTask::URLSessionTask(std::shared_ptr<URLSession> session, Kind kind, URLRequest request,
@@ -16,9 +18,13 @@ URLSessionTask::URLSessionTask(std::shared_ptr<URLSession> session, Kind kind, U
       kind_(kind),
       request_(std::move(request)),
       completion_(std::move(completion)),
-      identifier_(gNextTaskIdentifier.fetch_add(1)) {}
+      identifier_(gNextTaskIdentifier.fetch_add(1)) {
+  gLiveTasks.fetch_add(1, std::memory_order_relaxed);
+}
 
-URLSessionTask::~URLSessionTask() = default;
+URLSessionTask::~URLSessionTask() { gLiveTasks.fetch_sub(1, std::memory_order_relaxed); }
+
+std::size_t URLSessionTask::liveInstances() { return gLiveTasks.load(std::memory_order_relaxed); }
 
 void URLSessionTask::resume() {
   {
@@ -92,7 +98,13 @@ URLSession::URLSession(URLSessionConfiguration configuration,
                        std::weak_ptr<URLSessionDelegate> delegate, DelegateQueue delegateQueue)
     : configuration_(std::move(configuration)),
       delegate_(std::move(delegate)),
-      delegateQueue_(std::move(delegateQueue)) {}
+      delegateQueue_(std::move(delegateQueue)) {
+  gLiveSessions.fetch_add(1, std::memory_order_relaxed);
+}
+
+URLSession::~URLSession() { gLiveSessions.fetch_sub(1, std::memory_order_relaxed); }
+
+std::size_t URLSession::liveInstances() { return gLiveSessions.load(std::memory_order_relaxed); }
 
 std::shared_ptr<URLSessionTask> URLSession::dataTaskWithRequest(
     URLRequest request, URLSessionTask::Completion completion) {

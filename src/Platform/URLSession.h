@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 
@@ -25,6 +26,13 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
   // gives a session made without a delegate queue.
   static std::shared_ptr<URLSession> sessionWithConfiguration(
       URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate);
+
+  ~URLSession();
+  URLSession(const URLSession&) = delete;
+  URLSession& operator=(const URLSession&) = delete;
+  // Tests: the sessions that exist now. Each is let go once its last task has
+  // reported, so after every exchange has ended this is back where it was.
+  static std::size_t liveInstances();
 
   const URLSessionConfiguration& configuration() const { return configuration_; }
   std::shared_ptr<URLSessionDelegate> delegate() const { return delegate_.lock(); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,6 +44,10 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   std::string taskDescription() const;
   void setTaskDescription(std::string description);
   std::optional<URLResponse> response() const;
+  // Tests: the tasks that exist now. The engine and the session's queue let a
+  // task go once it has reported, so after every exchange has ended this is
+  // back where it was.
+  static std::size_t liveInstances();
   const URLRequest& originalRequest() const { return request_; }
   // Whether the transfer is paused because its delegate has not yet taken the
   // data already received.

@@ -15,6 +15,7 @@
 #include "Platform/Environment.h"
 #include "Platform/FileSystemFaults.h"
 #include "Platform/Log.h"
+#include "Platform/PackedValue.h"
 #include "Platform/PropertyList.h"
 
 namespace {
@@ -90,11 +91,14 @@ std::optional<std::string> readFile(const std::string& path, Version& version) {
 // The suites last read or stored, by path, with the version of the file they
 // came from. A suite is parsed again only when its file is another version, so
 // a list of thousands of entries is not parsed at every read; a file another
-// process replaced, rewrote or emptied is always read afresh.
+// process replaced, rewrote or emptied is always read afresh. Each key's value is
+// kept packed: the shared-files list grows by an entry per file received, and the
+// service holds it for as long as it runs.
+using PackedDomain = std::map<std::string, PackedValue, std::less<>>;
 struct ReadCache {
   struct Entry {
     Version version;
-    std::shared_ptr<const Value::Dictionary> domain;
+    std::shared_ptr<const PackedDomain> keys;
   };
   std::mutex mutex;
   std::map<std::string, Entry> entries;  // guarded by mutex
@@ -106,21 +110,29 @@ ReadCache& readCache() {
   return *cache;
 }
 
-std::shared_ptr<const Value::Dictionary> cachedSuite(const std::string& path) {
+// The suite at `path` as last read or stored, while its file is that version.
+std::shared_ptr<const PackedDomain> cachedSuite(const std::string& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return nullptr;
   ReadCache& cache = readCache();
   std::lock_guard lock(cache.mutex);
   auto it = cache.entries.find(path);
   if (it == cache.entries.end() || !(it->second.version == Version::of(st))) return nullptr;
-  return it->second.domain;
+  return it->second.keys;
 }
 
-void keepInCache(const std::string& path, const Version& version, Value::Dictionary domain) {
+Value::Dictionary unpacked(const PackedDomain& keys) {
+  Value::Dictionary domain;
+  for (const auto& [key, value] : keys) domain.emplace_hint(domain.end(), key, value.unpacked());
+  return domain;
+}
+
+void keepInCache(const std::string& path, const Version& version, const Value::Dictionary& domain) {
+  auto keys = std::make_shared<PackedDomain>();
+  for (const auto& [key, value] : domain) keys->emplace_hint(keys->end(), key, PackedValue(value));
   ReadCache& cache = readCache();
-  auto kept = std::make_shared<const Value::Dictionary>(std::move(domain));
   std::lock_guard lock(cache.mutex);
-  cache.entries.insert_or_assign(path, ReadCache::Entry{version, std::move(kept)});
+  cache.entries.insert_or_assign(path, ReadCache::Entry{version, std::move(keys)});
 }
 
 // Logs an unreadable suite once for each version of the file.
@@ -144,7 +156,7 @@ ReadResult readSuite(const std::string& path) {
   ReadResult result;
   if (auto cached = cachedSuite(path)) {
     result.state = ReadState::kRead;
-    result.domain = *cached;
+    result.domain = unpacked(*cached);
     return result;
   }
   std::optional<std::string> bytes;
@@ -163,9 +175,9 @@ ReadResult readSuite(const std::string& path) {
     result.state = ReadState::kUnreadable;
     return result;
   }
+  keepInCache(path, version, *value->dictionary());
   result.state = ReadState::kRead;
   result.domain = std::move(*value->mutableDictionary());
-  keepInCache(path, version, result.domain);
   return result;
 }
 
@@ -206,11 +218,13 @@ void UserDefaults::setObject(Value value, const std::string& forKey) {
   bool keepAside = false;
   if (auto cached = cachedSuite(path)) {
     // A store that would write what the file already holds is left out: no
-    // reader could tell it from one made a moment earlier.
+    // reader could tell it from one made a moment earlier. The value is compared
+    // packed, without unpacking the suite (a value of another type that compares
+    // equal, 1 for true, is written).
     auto held = cached->find(forKey);
-    if (held != cached->end() && held->second == value) return;
+    if (held != cached->end() && held->second == PackedValue(value)) return;
     for (const auto& [key, other] : *cached) {
-      if (key != forKey) domain.emplace(key, other);
+      if (key != forKey) domain.emplace_hint(domain.end(), key, other.unpacked());
     }
   } else {
     ReadResult current = readSuite(path);
@@ -269,7 +283,7 @@ void UserDefaults::store(Value::Dictionary domain, bool keepAside) {
   }
   // What was stored is what the next read gets, while the file stays this version.
   struct stat st {};
-  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), std::move(domain));
+  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), domain);
   ::close(fd);
   // Make the rename itself durable.
   int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

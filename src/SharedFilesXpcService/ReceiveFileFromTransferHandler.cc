@@ -9,6 +9,7 @@
 
 #include "Platform/ConfinedFolder.h"
 #include "Platform/Environment.h"
+#include "Platform/FreedMemory.h"
 #include "Platform/Log.h"
 #include "Platform/PathNames.h"
 #include "Platform/Readings.h"
@@ -380,6 +381,8 @@ void ReceiveFileFromTransferHandler::reportFailures(const std::function<void()>&
     logErrorMethod(exception);
     notify();
   }
+  // What a download's end or a server answer did to the list is given back.
+  FreedMemory::giveBack();
 }
 
 std::string ReceiveFileFromTransferHandler::checkDuplicateAndCreate(
@@ -498,13 +501,19 @@ void ReceiveFileFromTransferHandler::setIAppsPrefs(Value::Dictionary prefs) {
 }
 
 Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {
-  std::lock_guard lock(mutex_);
-  return sharedFilesDefaultsArray_;
+  PackedValue packed;
+  {
+    std::lock_guard lock(mutex_);
+    packed = sharedFilesDefaultsArray_;
+  }
+  Value list = packed.unpacked();
+  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
 }
 
-void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(Value::Array list) {
+void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(const Value::Array& list) {
+  PackedValue packed(list);
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(list);
+  sharedFilesDefaultsArray_ = std::move(packed);
 }
 
 std::string ReceiveFileFromTransferHandler::finalPath() const {

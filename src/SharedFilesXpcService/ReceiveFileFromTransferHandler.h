@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/Readings.h"
 #include "Platform/URLConnectionDelegate.h"
 #include "Platform/URLSessionDelegate.h"
@@ -107,7 +108,7 @@ class ReceiveFileFromTransferHandler
   void notifyArrived() const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
   void setIAppsPrefs(Value::Dictionary prefs);
-  void setSharedFilesDefaultsArray(Value::Array list);
+  void setSharedFilesDefaultsArray(const Value::Array& list);
   std::string productFolderPath() const;
 
   // One entry of a pass; `workingPath` carries over from the entry before.
@@ -147,7 +148,8 @@ class ReceiveFileFromTransferHandler
   mutable std::mutex mutex_;  // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;
   Value::Dictionary iAppsPrefs_;
-  Value::Array sharedFilesDefaultsArray_;
+  // The pass's snapshot of the list, packed: it is held between passes.
+  PackedValue sharedFilesDefaultsArray_;
   // The last download made, for finalPath(), tempFilePath() and fileLength().
   std::shared_ptr<const Download> lastDownload_;
   // The transfer of the last cloud entry that reached its download.

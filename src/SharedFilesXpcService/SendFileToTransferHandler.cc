@@ -122,8 +122,13 @@ WireValue SendFileToTransferHandler::bytePos() const {
 }
 
 Value::Array SendFileToTransferHandler::sharedFilesDefaultsArray() const {
-  std::lock_guard lock(mutex_);
-  return sharedFilesDefaultsArray_;
+  PackedValue packed;
+  {
+    std::lock_guard lock(mutex_);
+    packed = sharedFilesDefaultsArray_;
+  }
+  Value list = packed.unpacked();
+  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
 }
 
 std::string SendFileToTransferHandler::localFileOf(const FileToTransfer& file) {
@@ -164,7 +169,7 @@ std::string SendFileToTransferHandler::localFileOf(const FileToTransfer& file) {
 void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTransfer>& files) {
   if (files.empty()) return;
   try {
-    Value::Array list = SharedFilesList::load(UserDefaults::standardUserDefaults());
+    PackedValue list(SharedFilesList::load(UserDefaults::standardUserDefaults()));
     {
       std::lock_guard lock(mutex_);
       sharedFilesDefaultsArray_ = std::move(list);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/URLConnectionDelegate.h"
 #include "Platform/URLRequest.h"
 #include "Platform/URLSessionDelegate.h"
@@ -99,6 +100,7 @@ class SendFileToTransferHandler : public URLSessionDelegate,
   std::optional<std::string> userType_;
   WireValue bytePos_;
   std::weak_ptr<SendFileToTransferDelegate> delegate_;
-  Value::Array sharedFilesDefaultsArray_;
+  // The list as the last pass read it, packed: it is held between passes.
+  PackedValue sharedFilesDefaultsArray_;
   std::map<const void*, TransferClaims::Claim> uploading_;
 };

@@ -1,14 +1,13 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 
-#include <malloc.h>
 #include <sys/stat.h>
-#include <cstdlib>
 
 #include <optional>
 #include <system_error>
 
 #include "Platform/ConfinedFolder.h"
 #include "Platform/Environment.h"
+#include "Platform/FreedMemory.h"
 #include "Platform/Log.h"
 #include "Platform/Readings.h"
 #include "Platform/UserDefaults.h"
@@ -66,7 +65,6 @@ void SharedFilesXpcService::unLockService() {
 }
 
 void SharedFilesXpcService::startSharedFileToTransfer() {
-  if (getenv("EXP_TRIM")) malloc_trim(0);  // EXPERIMENT
   queryWhenIdle();
   scheduler_.dispatchAfter(Environment::current()->cyclePeriod,
                            [self = shared_from_this()] { self->startSharedFileToTransfer(); });
@@ -136,6 +134,9 @@ void SharedFilesXpcService::transferDataArrived(
     }
   }
   Log::line("finished process shared");
+  // Each pass over the list gives back what it freed: the list grows by an entry
+  // per file received, and so do the copies a pass makes while it runs.
+  FreedMemory::giveBack();
 
   if (!data.fileToTransferArray.empty()) {
     scheduler_.dispatchAsync([handler = sendHandler(), files = data.fileToTransferArray] {
@@ -143,6 +144,7 @@ void SharedFilesXpcService::transferDataArrived(
         handler->FileToTransferMethod(files);
       } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
       }
+      FreedMemory::giveBack();
     });
   } else {
     sendLock_.store(false, std::memory_order_relaxed);
@@ -153,6 +155,7 @@ void SharedFilesXpcService::transferDataArrived(
         handler->recFileFromTransfer(files);
       } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
       }
+      FreedMemory::giveBack();
     });
   } else {
     receiveLock_.store(false, std::memory_order_relaxed);
@@ -353,11 +356,17 @@ void SharedFilesXpcService::setIAppsPrefs(Value::Dictionary prefs) {
 }
 
 Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
-  std::lock_guard lock(mutex_);
-  return sharedFilesDefaultsArray_;
+  PackedValue packed;
+  {
+    std::lock_guard lock(mutex_);
+    packed = sharedFilesDefaultsArray_;
+  }
+  Value list = packed.unpacked();
+  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
 }
 
-void SharedFilesXpcService::setSharedFilesDefaultsArray(Value::Array array) {
+void SharedFilesXpcService::setSharedFilesDefaultsArray(const Value::Array& array) {
+  PackedValue packed(array);
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(array);
+  sharedFilesDefaultsArray_ = std::move(packed);
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Platform/DispatchQueues.h"
+#include "Platform/PackedValue.h"
 #include "Platform/Value.h"
 #include "Services/OperationResult.h"
 #include "Services/Records/GetSharedFilesTransferDataResponseData.h"
@@ -89,7 +90,7 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   Value::Dictionary iAppsPrefs() const;
 
   Value::Array sharedFilesDefaultsArray() const;
-  void setSharedFilesDefaultsArray(Value::Array array);
+  void setSharedFilesDefaultsArray(const Value::Array& array);
 
  private:
   explicit SharedFilesXpcService(Scheduler& scheduler);
@@ -112,7 +113,9 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
 
   mutable std::mutex mutex_;  // guards the members below
   Value::Dictionary iAppsPrefs_;
-  Value::Array sharedFilesDefaultsArray_;
+  // The list as the last owner or folder pass left it, packed: it is held
+  // between passes.
+  PackedValue sharedFilesDefaultsArray_;
   std::shared_ptr<SendFileToTransferHandler> sFTHandlerObj_;
   std::shared_ptr<ReceiveFileFromTransferHandler> rFTHandlerObj_;
 

@@ -2,6 +2,7 @@
 #include <exception>
 #include <optional>
 
+#include "Platform/FreedMemory.h"
 #include "Platform/Log.h"
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ServiceDelegate.h"
@@ -10,6 +11,8 @@
 #include "XPCKit/XPCService.h"
 
 int main(int argc, char** argv) {
+  // The service runs for months: large blocks go back to the system when freed.
+  FreedMemory::keepLittle();
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--log-stderr") == 0) Log::enableStandardError(true);
   }

@@ -360,3 +360,27 @@ TEST_F(UserDefaultsTest, SuiteChangedByAnotherProcessBetweenTwoReadsIsNeverServe
   ::unlink(path.c_str());
   EXPECT_EQ(stored(), "<absent>");
 }
+
+TEST_F(UserDefaultsTest, StoreOfWhatTheFileHoldsIsLeftOutAndAnEqualValueOfAnotherTypeIsWritten) {
+  UserDefaults suite("Quentara.SharedFilesXpcService");
+  const std::string path = suite.pathOfSuite("Quentara.SharedFilesXpcService");
+  auto inode = [&] {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+  };
+  const Value list(Value::Array{Value(Value::Dictionary{{"FileName", "/t/a.txt"}})});
+  suite.setObject(list, "SharedFileDataKey");
+  suite.setObject(Value::boolean(true), "enabled");
+  const ino_t written = inode();
+
+  // Each store writes a new file and renames it into place: the same file means
+  // nothing was written.
+  suite.setObject(list, "SharedFileDataKey");
+  suite.setObject(Value::boolean(true), "enabled");
+  EXPECT_EQ(inode(), written);
+
+  suite.setObject(Value::integer(1), "enabled");
+  EXPECT_NE(inode(), written);
+  EXPECT_EQ(suite.objectForKey("enabled")->objCType(), 'q');
+  EXPECT_EQ(*suite.objectForKey("SharedFileDataKey"), list);
+}
