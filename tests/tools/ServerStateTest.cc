@@ -38,6 +38,22 @@ TEST(ServerStateTest, PendingWorkIsAnsweredForTheAskingComputerOfItsOwnUser) {
   EXPECT_EQ(ask(state, {{"ComputerID", "C3"}})["OwnerComputers"], json::array());
 }
 
+TEST(ServerStateTest, BusyServerListsOneEntryOfEachListPerReplyUntilEachIsTaken) {
+  ServerState state;
+  state.load(R"({"computers": {"C1": {"RecFileFromTransfer": [{"SavedFileID": "1"},
+                                                               {"SavedFileID": "2"}],
+                                      "OwnerComputers": [{"NickName": "Ann"}]}},
+                 "faults": {"listOnePerReply": true}})");
+  const json reply = ask(state, {{"ComputerID", "C1"}});
+  EXPECT_EQ(reply["RecFileFromTransfer"], json::parse(R"([{"SavedFileID": "1"}])"));
+  EXPECT_EQ(reply["OwnerComputers"], json::parse(R"([{"NickName": "Ann"}])"));
+  EXPECT_EQ(state.document()["computers"]["C1"]["RecFileFromTransfer"].size(), 2U)
+      << "the rest waits for a later reply";
+  EXPECT_THROW(state.merge({{"faults", {{"listOnePerReply", "yes"}}}}), std::exception);
+  state.merge({{"faults", {{"listOnePerReply", false}}}});
+  EXPECT_EQ(ask(state, {{"ComputerID", "C1"}})["RecFileFromTransfer"].size(), 2U);
+}
+
 TEST(ServerStateTest, ErrorReportsAreKeptAndChangesMustBeObjects) {
   ServerState state;
   EXPECT_EQ(*state.answer("MAC/ErrorLog.svc/LogError", R"({"ClassName": "X"})"),

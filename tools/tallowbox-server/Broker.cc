@@ -102,6 +102,10 @@ std::string Broker::problem(const json& state) {
     return "faults/downloadAnswer has a status of 100 to 599 and, maybe, the texts contentType "
            "and body";
   }
+  if (const json& one = at(at(state, "faults"), "listOnePerReply");
+      !one.is_null() && !one.is_boolean()) {
+    return "faults/listOnePerReply is true or false";
+  }
   if (!at(state, "errorLog").is_null() && !state["errorLog"].is_array())
     return "errorLog is an array";
   if (!at(state, "nextID").is_null() && !state["nextID"].is_number_unsigned()) {

@@ -328,6 +328,12 @@ std::optional<nlohmann::json> ServerState::respond(const std::string& operation,
       }
     }
     Broker(state_).addPendingWork(*computer, reply, lastUpload_[*computer]);
+    if (const nlohmann::json& faults = state_["faults"];
+        faults.is_object() && faults.value("listOnePerReply", false)) {
+      for (const char* list : kLists) {
+        if (reply[list].size() > 1) reply[list].erase(reply[list].begin() + 1, reply[list].end());
+      }
+    }
     return reply;
   }
   if (operation == "MAC/SharedFiles.svc/IsFileExistsInCloud") {

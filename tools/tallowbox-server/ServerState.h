@@ -60,6 +60,9 @@
 // status, content type (text/html when absent) and body (empty when absent)
 // instead of the file's bytes, as a failing proxy would, and takes or changes
 // nothing, a one-shot cut included, until the fault is lifted.
+// {"faults": {"listOnePerReply": true}} lists at most the first entry of each list
+// in a pending-work reply, as a busy server does, so that a computer with many
+// files to move gets them one reply at a time.
 // "SyncFileChanges.svc/SyncFilesInTableAndCloud" answers each change of
 // its array in order, with status "0" and the change's "FileID" and
 // "BaseSystemFileID".
