@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "Platform/ConfinedFolder.h"
 #include "Platform/CurlTransfer.h"
 #include "Platform/Environment.h"
 #include "Platform/FileHandle.h"
@@ -150,7 +151,9 @@ struct CurlCallbacks {
     while (length > 0) {
       if (transfer.pending.empty()) {
         transfer.pendingSince = now;
-        transfer.pending.reserve(CurlEngine::kDeliveryPiece);
+        if (transfer.pending.capacity() < CurlEngine::kDeliveryPiece) {
+          transfer.pending = CurlEngine::shared().takePiece();
+        }
       }
       const std::size_t taken =
           std::min(length, CurlEngine::kDeliveryPiece - transfer.pending.size());
@@ -175,13 +178,14 @@ struct CurlCallbacks {
     if (transfer.pending.empty()) return;
     task.undelivered_.fetch_add(transfer.pending.size());
     auto self = task.shared_from_this();
-    task.session_->deliver([self, chunk = std::move(transfer.pending)] {
+    task.session_->deliver([self, chunk = std::move(transfer.pending)]() mutable {
       // Taken off the queue before it is handled, so that a transfer held back
       // goes on while the delegate still has this piece to handle.
       CurlEngine::shared().delivered(self, chunk.size());
       if (auto delegate = self->session_->delegate()) delegate->didReceiveData(*self, chunk);
+      CurlEngine::shared().giveBackPiece(std::move(chunk));
     });
-    transfer.pending.clear();
+    transfer.pending = std::string();
   }
 
   static size_t read(char* buffer, size_t size, size_t count, void* user) {
@@ -485,7 +489,17 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   }
 
   if (task->kind_ == URLSessionTask::Kind::kDownload) {
-    std::string path = Environment::current()->temporaryFolder + "CFNetworkDownload_XXXXXX.tmp";
+    const std::string folder = Environment::current()->temporaryFolder;
+    if (folder == Environment::ownTemporaryFolder()) {
+      try {
+        ConfinedFolder::privateFolder(folder);  // made 0700, or refused
+      } catch (const std::exception& refused) {
+        Log::printf("Nothing is downloaded: %s", refused.what());
+        finishWithCode(task, PlatformError::kCannotCreateFile, "Cannot create the download file");
+        return;
+      }
+    }
+    std::string path = folder + "CFNetworkDownload_XXXXXX.tmp";
     transfer.downloadFd = ::mkostemps(path.data(), 4, O_CLOEXEC);
     if (transfer.downloadFd < 0) {
       finishWithCode(task, PlatformError::kCannotCreateFile, "Cannot create the download file");
@@ -535,6 +549,27 @@ void CurlEngine::finish(const std::shared_ptr<URLSessionTask>& task, int curlCod
   }
 }
 
+std::string CurlEngine::takePiece() {
+  {
+    std::lock_guard lock(piecesMutex_);
+    if (!sparePieces_.empty()) {
+      std::string piece = std::move(sparePieces_.back());
+      sparePieces_.pop_back();
+      return piece;
+    }
+  }
+  std::string piece;
+  piece.reserve(kDeliveryPiece);
+  return piece;
+}
+
+void CurlEngine::giveBackPiece(std::string piece) {
+  if (piece.capacity() < kDeliveryPiece || activeCount_.load() == 0) return;
+  piece.clear();
+  std::lock_guard lock(piecesMutex_);
+  if (sparePieces_.size() < kSparePieces) sparePieces_.push_back(std::move(piece));
+}
+
 void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, long code,
                                 std::string description) {
   waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), task), waiting_.end());
@@ -545,6 +580,10 @@ void CurlEngine::finishWithCode(const std::shared_ptr<URLSessionTask>& task, lon
     if (transfer.easy != nullptr) {
       active_.erase(transfer.easy);
       activeCount_.store(active_.size());
+      if (active_.empty()) {
+        std::lock_guard lock(piecesMutex_);
+        sparePieces_.clear();
+      }
       // libcurl may still call back while the handle is removed: the transfer
       // record stays in place until it is done.
       curl_multi_remove_handle(multi_, transfer.easy);

@@ -60,6 +60,17 @@ class CurlEngine {
   // before it hands them to the delegate.
   void delivered(const std::shared_ptr<URLSessionTask>& task, std::size_t length);
 
+  // A buffer for the next piece, empty and able to hold kDeliveryPiece bytes: one a
+  // delegate has handed back when there is one. Mapping and unmapping a fresh
+  // 1 MiB buffer for every piece cost the kernel more than writing the piece to
+  // disk, and halved the download rate.
+  std::string takePiece();
+  // Keeps a piece's buffer for the next piece, while a transfer is in flight and
+  // fewer than kSparePieces are kept; frees it otherwise. The last transfer's end
+  // frees every one kept.
+  void giveBackPiece(std::string piece);
+  static constexpr std::size_t kSparePieces = kMaximumUndelivered / kDeliveryPiece + 2;
+
   // Tests: transfers that are in flight now.
   std::size_t activeTransfers();
 
@@ -84,5 +95,7 @@ class CurlEngine {
   std::map<void*, std::shared_ptr<URLSessionTask>> active_;  // engine thread only, by easy handle
   std::vector<std::shared_ptr<URLSessionTask>> waiting_;     // engine thread only: over the limit
   std::atomic<std::size_t> activeCount_{0};
+  std::mutex piecesMutex_;           // guards sparePieces_
+  std::vector<std::string> sparePieces_;
   std::thread thread_;
 };
