@@ -66,13 +66,17 @@ std::atomic<long> gInjectedTransferFailure{0};
 
 }  // namespace
 
+std::string Environment::ownTemporaryFolder() {
+  return "/var/tmp/tallowbox-" + std::to_string(::getuid()) + "/";
+}
+
 Environment Environment::fromProcess() {
   Environment environment;
   environment.homeFolder = variable("HOME").value_or(homeFromPasswordDatabase());
   std::optional<std::string> config = variable("XDG_CONFIG_HOME");
   environment.configFolder =
       config && config->front() == '/' ? *config : environment.homeFolder + "/.config";
-  environment.temporaryFolder = variable("TMPDIR").value_or("/tmp");
+  environment.temporaryFolder = variable("TMPDIR").value_or(ownTemporaryFolder());
   if (environment.temporaryFolder.back() != '/') environment.temporaryFolder += '/';
   std::optional<std::string> runtime = variable("XDG_RUNTIME_DIR");
   if (runtime && runtime->front() == '/') environment.runtimeFolder = *runtime;

@@ -25,7 +25,7 @@ class Environment {
   std::string homeFolder;
   // $XDG_CONFIG_HOME when it is an absolute path, else "<home>/.config".
   std::string configFolder;
-  // $TMPDIR, else "/tmp"; always ends in "/".
+  // $TMPDIR, else the user's own folder (ownTemporaryFolder()); always ends in "/".
   std::string temporaryFolder;
   // $XDG_RUNTIME_DIR when it is an absolute path, else empty.
   std::string runtimeFolder;
@@ -50,6 +50,11 @@ class Environment {
 
   // The process's environment variables, read now.
   static Environment fromProcess();
+  // "/var/tmp/tallowbox-<uid>/": the temporary folder without $TMPDIR. It is the
+  // user's alone (never the shared /tmp itself) and on disk, so partial files
+  // survive a restart; whoever puts something in it opens it with
+  // ConfinedFolder::privateFolder first, which makes it 0700 or refuses it.
+  static std::string ownTemporaryFolder();
 
   // The environment in force: fromProcess() as first read, until replaced.
   static std::shared_ptr<const Environment> current();

@@ -208,7 +208,7 @@ std::shared_ptr<Download> ReceiveFileFromTransferHandler::prepareDownload(
       EntryPlacement::partialPath(target, product, ServiceFolders::downloadFolder());
   std::optional<ConfinedFolder> download;
   try {
-    download.emplace(ConfinedFolder::privateFolder(ServiceFolders::downloadFolder()));
+    download.emplace(ServiceFolders::openDownloadFolder());
   } catch (const std::exception& refused) {
     Log::printf("Nothing is downloaded: %s", refused.what());
     return nullptr;
@@ -280,8 +280,8 @@ void ReceiveFileFromTransferHandler::cloudAnswered(
         product.createDirectories(PathNames::stringByDeletingLastPathComponent(finalPath));
       });
       ignoringErrors([&] {
-        ConfinedFolder::privateFolder(ServiceFolders::downloadFolder())
-            .createDirectories(PathNames::stringByDeletingLastPathComponent(partial));
+        ServiceFolders::openDownloadFolder().createDirectories(
+            PathNames::stringByDeletingLastPathComponent(partial));
       });
       if (!download->relocate(partial, finalPath)) {
         Log::printf("Left for a later cycle: %s is being received already", finalPath.c_str());
@@ -452,7 +452,7 @@ void ReceiveFileFromTransferHandler::clearTemp(const std::string& path) {
   }
   const std::string folder =
       ServiceFolders::downloadFolder() + "/" + std::next(component)->string();
-  const ConfinedFolder download(ServiceFolders::downloadFolder());
+  const ConfinedFolder download = ServiceFolders::openDownloadFolder();
   if (!download.holds(folder) || std::next(component)->string() == "..") {
     throw std::runtime_error("refused to empty " + folder);
   }

@@ -16,3 +16,11 @@ std::string ServiceFolders::productFolder(const Value::Dictionary& iAppsPrefs) {
 std::string ServiceFolders::temporaryDirectory() { return Environment::current()->temporaryFolder; }
 
 std::string ServiceFolders::downloadFolder() { return temporaryDirectory() + "TallowboxTemp"; }
+
+ConfinedFolder ServiceFolders::openDownloadFolder() {
+  if (temporaryDirectory() == Environment::ownTemporaryFolder()) {
+    // A folder another user made first, or a link, is refused here.
+    ConfinedFolder::privateFolder(temporaryDirectory());
+  }
+  return ConfinedFolder::privateFolder(downloadFolder());
+}

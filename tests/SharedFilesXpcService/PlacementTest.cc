@@ -255,6 +255,7 @@ TEST_F(ReceiveHandlerTest, ReceivedEntryIsAppendedAndItsFileNumberRecordedLater)
 TEST_F(ReceiveHandlerTest, ClearTempEmptiesOnlyTheNamedDownloadFolder) {
   environment.update([&](Environment& e) { e.temporaryFolder = std::string(folder.path()) + "/"; });
   fs::create_directories(folder.path() / "TallowboxTemp" / "88" / "part");
+  fs::permissions(folder.path() / "TallowboxTemp", fs::perms::owner_all);  // private, as made
   std::ofstream(folder.path() / "TallowboxTemp" / "88" / "a.bin") << "a";
   std::ofstream(folder.path() / "TallowboxTemp" / "keep.bin") << "k";
   ReceiveFileFromTransferHandler handler;
