@@ -26,6 +26,10 @@ class BusListener {
   BusListener(const BusListener&) = delete;
   BusListener& operator=(const BusListener&) = delete;
 
+  // Whether the peer with unique bus name `name` is still on the bus; true when the
+  // bus cannot tell. May be called from the handler.
+  bool hasPeer(const std::string& name);
+
   // Serves calls on the calling thread until stop() or until the bus connection
   // is lost; throws std::runtime_error in the latter case.
   void run();

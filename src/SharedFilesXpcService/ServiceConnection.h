@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -27,9 +28,20 @@ class ServiceConnection {
   void resume() { resumed_ = true; }
   bool isResumed() const { return resumed_; }
 
+  // Called once, when the listener finds the peer gone from the bus.
+  void setInvalidationHandler(std::function<void()> handler) {
+    invalidationHandler_ = std::move(handler);
+  }
+  void invalidate() {
+    std::function<void()> handler = std::move(invalidationHandler_);
+    invalidationHandler_ = nullptr;
+    if (handler) handler();
+  }
+
  private:
   std::string peer_;
   std::string exportedInterface_;
   std::shared_ptr<SharedFilesXpcServiceProtocol> exportedObject_;
   bool resumed_ = false;
+  std::function<void()> invalidationHandler_;
 };

@@ -40,9 +40,35 @@ std::size_t ServiceListener::connectionCount() const {
   return connections_.size();
 }
 
+void ServiceListener::endLeftPeers() {
+  std::vector<std::string> peers;
+  {
+    std::lock_guard lock(mutex_);
+    peers.reserve(connections_.size());
+    for (const auto& [peer, connection] : connections_) peers.push_back(peer);
+  }
+  // The bus is asked without the lock held.
+  std::vector<std::string> gone;
+  for (const std::string& peer : peers) {
+    if (!bus_->hasPeer(peer)) gone.push_back(peer);
+  }
+  std::vector<std::shared_ptr<ServiceConnection>> left;
+  {
+    std::lock_guard lock(mutex_);
+    for (const std::string& peer : gone) {
+      auto it = connections_.find(peer);
+      if (it == connections_.end()) continue;
+      left.push_back(std::move(it->second));
+      connections_.erase(it);
+    }
+  }
+  for (const auto& connection : left) connection->invalidate();
+}
+
 void ServiceListener::received(const std::string& sender) {
   std::shared_ptr<ServiceConnection> connection = connectionForPeer(sender);
   if (!connection) {
+    endLeftPeers();
     ServiceListenerDelegate* delegate = nullptr;
     {
       std::lock_guard lock(mutex_);

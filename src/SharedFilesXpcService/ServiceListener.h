@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "Platform/BusListener.h"
 #include "SharedFilesXpcService/ServiceConnection.h"
@@ -15,7 +16,9 @@
 //
 // A connection is one calling peer. The first call from a peer asks the delegate
 // to accept it and set it up; that call and every later one from the same peer are
-// delivered to the connection's exported object, on the bus thread.
+// delivered to the connection's exported object, on the bus thread. Before a new
+// peer is set up, the connections of peers that have left the bus are invalidated
+// and let go; a peer that called and left keeps its connection until then.
 class ServiceListener {
  public:
   static BusListener::Address serviceAddress();
@@ -40,6 +43,8 @@ class ServiceListener {
 
  private:
   void received(const std::string& sender);
+  // Ends the connections of peers that have left the bus.
+  void endLeftPeers();
 
   std::unique_ptr<BusListener> bus_;
   mutable std::mutex mutex_;  // guards the members below

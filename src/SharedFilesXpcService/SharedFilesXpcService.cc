@@ -64,7 +64,10 @@ void SharedFilesXpcService::unLockService() {
   receiveLock_.store(false, std::memory_order_relaxed);
 }
 
+void SharedFilesXpcService::end() { ended_.store(true); }
+
 void SharedFilesXpcService::startSharedFileToTransfer() {
+  if (ended_.load()) return;
   queryWhenIdle();
   scheduler_.dispatchAfter(Environment::current()->cyclePeriod,
                            [self = shared_from_this()] { self->startSharedFileToTransfer(); });
@@ -341,7 +344,7 @@ void SharedFilesXpcService::passEnded() {
       self->lastEarnedStep_ = std::chrono::steady_clock::now();
     }
     self->stepPending_.store(false);
-    self->queryWhenIdle();
+    if (!self->ended_.load()) self->queryWhenIdle();
   });
 }
 

@@ -42,6 +42,10 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   void SharedFile() override;
   // Clears both pass flags (the server query failed).
   void unLockService();
+  // The peer that asked for this object has left: its cycle steps stop at their
+  // next step, and a step it earned never runs. Work in flight finishes first.
+  void end();
+  bool hasEnded() const { return ended_.load(); }
   // One step of the cycle; always schedules the next one a cycle period (two
   // seconds, Environment::cyclePeriod) later.
   // When neither pass flag is set it sets both and asks the server what is
@@ -124,5 +128,6 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   // A file moved since the last query, and a step it earned is pending.
   std::atomic<bool> movedFile_{false};
   std::atomic<bool> stepPending_{false};
+  std::atomic<bool> ended_{false};
   std::chrono::steady_clock::time_point lastEarnedStep_;  // guarded by mutex_
 };

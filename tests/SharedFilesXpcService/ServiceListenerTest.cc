@@ -11,6 +11,7 @@
 #include "support/PrivateBus.h"
 #include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -91,4 +92,37 @@ TEST_F(ServiceListenerTest, BadCallsGetBusErrorsAndTheServiceCarriesOn) {
   EXPECT_EQ(listener.connectionCount(), 0U) << "no service object for refused calls";
   peer.sharedFile();
   EXPECT_EQ(listener.connectionCount(), 1U);
+}
+
+TEST_F(ServiceListenerTest, CallersThatLeftEndWhenANewOneCallsSoTheirChainsStopAdding) {
+  // 200 short-lived callers, each calling once and leaving the bus.
+  std::string lastName;
+  for (int i = 0; i < 200; ++i) {
+    Peer caller;
+    caller.sharedFile();
+    lastName = caller.name();
+  }
+  EXPECT_EQ(scheduler.pending(), 200U) << "a chain each";
+  // Wait until the bus has seen the last of them go.
+  Peer asker;
+  auto onBus = [&](const std::string& name) {
+    bool owned = true;
+    sdbus::createProxy(*asker.connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+        ->callMethod("NameHasOwner")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(name)
+        .storeResultsTo(owned);
+    return owned;
+  };
+  ASSERT_TRUE(waitUntil([&] { return !onBus(lastName); }));
+  EXPECT_TRUE(listener.connectionForPeer(lastName))
+      << "a caller that left keeps its cycle until now";
+
+  asker.sharedFile();
+  EXPECT_EQ(listener.connectionCount(), 1U) << "only the live caller's object is left";
+  // Each chain runs its next step once: the ended ones stop, the live one goes on.
+  for (std::size_t steps = scheduler.pending(); steps > 0; --steps) scheduler.runNext();
+  EXPECT_EQ(scheduler.pending(), 1U);
+  asker.sharedFile();
+  EXPECT_EQ(scheduler.pending(), 2U) << "a live caller's repeated calls still add chains";
 }
