@@ -8,7 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -16,6 +18,11 @@
 #include "Platform/Log.h"
 
 namespace {
+
+// The waits between tries while connections cannot be accepted for want of
+// descriptors or memory: the first, doubled on each failure up to the longest.
+constexpr std::chrono::milliseconds kFirstPause{5};
+constexpr std::chrono::milliseconds kLongestPause{1000};
 
 std::string failure(const std::string& what, int error) {
   return what + ": " + std::strerror(error);  // NOLINT(concurrency-mt-unsafe): glibc's is safe
@@ -74,6 +81,12 @@ struct TerminationPipe {
 const TerminationPipe& terminationPipe() {
   static const auto* pipe = new TerminationPipe;
   return *pipe;
+}
+
+// Waits up to `limit` for SIGTERM; whether it came.
+bool terminationWithin(std::chrono::milliseconds limit) {
+  pollfd termination{terminationPipe().fds[0], POLLIN, 0};
+  return ::poll(&termination, 1, static_cast<int>(limit.count())) > 0;
 }
 
 extern "C" void terminationRequested(int /*signal*/) {
@@ -293,6 +306,9 @@ MessageSocket::Listener::~Listener() {
 }
 
 std::unique_ptr<MessageSocket> MessageSocket::Listener::accept() {
+  // How long to wait before the next try while the process is out of
+  // descriptors or memory; zero while it is not.
+  std::chrono::milliseconds pause{0};
   for (;;) {
     pollfd watched[2] = {{terminationPipe().fds[0], POLLIN, 0}, {fd_, POLLIN, 0}};
     if (::poll(watched, 2, -1) < 0) {
@@ -304,12 +320,20 @@ std::unique_ptr<MessageSocket> MessageSocket::Listener::accept() {
     if ((watched[1].revents & POLLIN) == 0) continue;
     int fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd >= 0) {
+      if (pause.count() > 0) Log::line("Accepting connections again");
       // Datagrams are awaited in blocking reads; sends never wait (MSG_DONTWAIT).
       ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
       return std::unique_ptr<MessageSocket>(new MessageSocket(fd));
     }
-    if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
-      Log::line(failure("Cannot accept a connection", errno));
+    const int error = errno;
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+      // The connection stays queued, so the socket stays readable: trying again
+      // at once would only fail again.
+      if (pause.count() == 0) Log::line(failure("Cannot accept a connection", error));
+      pause = std::clamp(pause * 2, kFirstPause, kLongestPause);
+      if (terminationWithin(pause)) return nullptr;
+    } else if (error != EINTR && error != EAGAIN && error != ECONNABORTED) {
+      Log::line(failure("Cannot accept a connection", error));
     }
   }
 }

@@ -88,7 +88,11 @@ class MessageSocket {
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    // Waits for the next connection; nullptr once SIGTERM has arrived.
+    // Waits for the next connection; nullptr once SIGTERM has arrived. While
+    // the process is out of descriptors or memory it tries again after a wait
+    // that grows from a few milliseconds to a second, and logs once when that
+    // starts and once when a connection is accepted again; SIGTERM ends the
+    // wait.
     std::unique_ptr<MessageSocket> accept();
     const std::string& path() const { return path_; }
 

@@ -1,13 +1,17 @@
 // Wrapped connections over real socket pairs and a real listening socket, and
-// the runner serving one in this process.
+// the runner serving one in this process, also while the process has no
+// descriptors left.
 #include "XPCKit/XPCConnection.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -62,6 +66,126 @@ class Seen : public std::enable_shared_from_this<Seen> {
   std::vector<std::optional<Value>> messages_;
   std::vector<std::string> errors_;
 };
+
+// The runner serving the service on a thread of its own, handing each
+// connection to `seen`. Ended with SIGTERM by stop(), or as it goes.
+class Runner {
+ public:
+  explicit Runner(std::shared_ptr<Seen> seen)
+      : thread_([this, seen, handedOver = handedOver_] {
+          threadID_ = ::gettid();
+          XPCService::runServiceWithConnectionHandler(
+              [seen, handedOver](const std::shared_ptr<XPCConnection>& connection) {
+                seen->add(*connection);
+                ++*handedOver;
+              });
+          returned_ = true;
+        }) {
+    waitUntil([&] { return threadID_ != 0; });
+  }
+  ~Runner() { stop(); }
+  Runner(const Runner&) = delete;
+  Runner& operator=(const Runner&) = delete;
+
+  void stop() {
+    if (!thread_.joinable()) return;
+    if (!returned_) ::kill(::getpid(), SIGTERM);
+    thread_.join();
+  }
+  int handedOver() const { return *handedOver_; }
+  bool returned() const { return returned_; }
+  pid_t threadID() const { return threadID_; }
+
+ private:
+  // The handler may outlive the runner's thread, on the main queue.
+  std::shared_ptr<std::atomic<int>> handedOver_ = std::make_shared<std::atomic<int>>(0);
+  std::atomic<bool> returned_{false};
+  std::atomic<pid_t> threadID_{0};
+  std::thread thread_;
+};
+
+// How many times a thread has gone to sleep (its voluntary context switches),
+// read through a descriptor opened beforehand, so also while none is left.
+class Sleeps {
+ public:
+  explicit Sleeps(pid_t thread)
+      : fd_(::open(("/proc/self/task/" + std::to_string(thread) + "/status").c_str(),
+                   O_RDONLY | O_CLOEXEC)) {}
+  ~Sleeps() { ::close(fd_); }
+  Sleeps(const Sleeps&) = delete;
+  Sleeps& operator=(const Sleeps&) = delete;
+
+  long count() const {
+    char text[8192];
+    const ssize_t n = ::pread(fd_, text, sizeof text - 1, 0);
+    if (n <= 0) return -1;
+    text[n] = 0;
+    const char* field = std::strstr(text, "\nvoluntary_ctxt_switches:");
+    return field == nullptr ? -1 : std::strtol(field + 25, nullptr, 10);
+  }
+
+ private:
+  int fd_;
+};
+
+// Takes every descriptor the process may still open, but one: the soft
+// RLIMIT_NOFILE goes down to a little above the highest open, and /dev/null is
+// opened until EMFILE. The last one opened is closed again, for the next
+// descriptor the test makes. free() and the destructor close them all and put
+// the limit back.
+class DescriptorsExhausted {
+ public:
+  DescriptorsExhausted() {
+    ::getrlimit(RLIMIT_NOFILE, &saved_);
+    int highest = 0;
+    for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {
+      highest = std::max(highest, std::stoi(open.path().filename().string()));
+    }
+    rlimit lowered = saved_;
+    lowered.rlim_cur = static_cast<rlim_t>(highest) + 16;
+    held_.reserve(lowered.rlim_cur);
+    if (::setrlimit(RLIMIT_NOFILE, &lowered) != 0) return;
+    int fd = -1;
+    while ((fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) held_.push_back(fd);
+    failure_ = errno;
+    if (!held_.empty()) {
+      ::close(held_.back());
+      held_.pop_back();
+    }
+  }
+  ~DescriptorsExhausted() { free(); }
+  DescriptorsExhausted(const DescriptorsExhausted&) = delete;
+  DescriptorsExhausted& operator=(const DescriptorsExhausted&) = delete;
+
+  // The errno that ended the opening: EMFILE once the table is full.
+  int failure() const { return failure_; }
+  void free() {
+    for (int fd : held_) ::close(fd);
+    held_.clear();
+    ::setrlimit(RLIMIT_NOFILE, &saved_);
+  }
+
+ private:
+  rlimit saved_{};
+  std::vector<int> held_;
+  int failure_ = 0;
+};
+
+// The address+undefined build checks each new dynamic type it meets through a
+// pipe, and reports a fault when there is no descriptor left for one: the
+// tests that take every descriptor run in the other builds only.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kTypeChecksNeedDescriptors = true;
+#else
+constexpr bool kTypeChecksNeedDescriptors = false;
+#endif
+
+// Whether another descriptor cannot be opened because the table is full.
+bool noDescriptorLeft() {
+  const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) ::close(fd);
+  return fd < 0 && errno == EMFILE;
+}
 
 Value contents(const Value& value) { return Value(Value::Dictionary{{"contents", value}}); }
 
@@ -169,24 +293,71 @@ TEST_F(XPCConnectionTest, RunnerKeepsEachConnectionAndWarnsItOfTerminationOnSigt
   const std::string path = XPCRawConnection::socketPathForService(XPCService::kServiceName);
   EXPECT_EQ(path, runtime.file("Quentara.SharedFilesXpcService.xpc"));
   auto seen = std::make_shared<Seen>();
-  auto handedOver = std::make_shared<std::atomic<int>>(0);
-  std::thread runner([seen, handedOver] {
-    XPCService::runServiceWithConnectionHandler(
-        [seen, handedOver](const std::shared_ptr<XPCConnection>& connection) {
-          seen->add(*connection);
-          ++*handedOver;
-        });
-  });
+  Runner runner(seen);
   ASSERT_TRUE(waitUntil([&] { return socketListeningAt(path); }));
 
   auto client = XPCConnection::initWithServiceName(XPCService::kServiceName);
   auto clientSeen = watch(*client);
-  ASSERT_TRUE(waitUntil([&] { return *handedOver == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return runner.handedOver() == 1; }));
 
-  ASSERT_EQ(::kill(::getpid(), SIGTERM), 0);
-  runner.join();
+  runner.stop();
   EXPECT_EQ(seen->errors(), std::vector<std::string>{"Termination imminent"})
       << "delivered before the runner returned";
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_TRUE(clientSeen->waitForError("Connection interrupted"));
+}
+
+TEST_F(XPCConnectionTest,
+       RunnerOutOfDescriptorsPausesBetweenTriesLogsOnceAndServesWhenTheyAreBack) {
+  if (kTypeChecksNeedDescriptors) GTEST_SKIP() << "type checks need descriptors";
+  const std::string path = XPCRawConnection::socketPathForService(XPCService::kServiceName);
+  auto seen = std::make_shared<Seen>();
+  Runner runner(seen);
+  ASSERT_TRUE(waitUntil([&] { return socketListeningAt(path); }));
+  const std::string exhausted = "Cannot accept a connection: Too many open files";
+  auto logged = [&](const std::string& line) {
+    auto all = log.lines();
+    return std::count(all.begin(), all.end(), line);
+  };
+  const Sleeps sleeps(runner.threadID());
+  std::unique_ptr<MessageSocket> waiting;
+  {
+    DescriptorsExhausted descriptors;
+    ASSERT_EQ(descriptors.failure(), EMFILE);
+    waiting = MessageSocket::connectTo(path);  // takes the last descriptor
+    ASSERT_TRUE(noDescriptorLeft());
+    ASSERT_TRUE(log.waitFor(exhausted));
+    // Each try fails at once: between tries the accepting thread goes to sleep.
+    const long before = sleeps.count();
+    ASSERT_GE(before, 0);
+    EXPECT_TRUE(waitUntil([&] { return sleeps.count() >= before + 6; }))
+        << "the accepting thread never pauses";
+    EXPECT_EQ(logged(exhausted), 1) << "a line for every try";
+    EXPECT_EQ(runner.handedOver(), 0);
+  }
+
+  // The connection that waited is taken, and the next is served.
+  ASSERT_TRUE(waitUntil([&] { return runner.handedOver() == 1; }));
+  auto client = XPCConnection::initWithServiceName(XPCService::kServiceName);
+  client->sendMessage(Value("after"));
+  ASSERT_TRUE(seen->waitForMessages(1));
+  EXPECT_EQ(seen->messages(), std::vector<std::optional<Value>>{contents("after")});
+  EXPECT_EQ(logged(exhausted), 1);
+  EXPECT_EQ(logged("Accepting connections again"), 1);
+}
+
+TEST_F(XPCConnectionTest, RunnerOutOfDescriptorsStillEndsOnSigterm) {
+  if (kTypeChecksNeedDescriptors) GTEST_SKIP() << "type checks need descriptors";
+  const std::string path = XPCRawConnection::socketPathForService(XPCService::kServiceName);
+  Runner runner(std::make_shared<Seen>());
+  ASSERT_TRUE(waitUntil([&] { return socketListeningAt(path); }));
+  DescriptorsExhausted descriptors;
+  ASSERT_EQ(descriptors.failure(), EMFILE);
+  auto waiting = MessageSocket::connectTo(path);
+  ASSERT_TRUE(log.waitFor("Cannot accept a connection: Too many open files"));
+
+  ASSERT_EQ(::kill(::getpid(), SIGTERM), 0);
+  EXPECT_TRUE(waitUntil([&] { return runner.returned(); }));
+  EXPECT_EQ(runner.handedOver(), 0);
+  EXPECT_FALSE(log.contains("Accepting connections again"));
 }
