@@ -388,6 +388,23 @@ void ConfinedFolder::copy(const std::string& from, const std::string& to) const 
   Parent destination = parentOf(to);
   if (destination.name.empty()) throw Refused("refused to copy over the folder itself: " + to);
   if (source.name.empty()) throw Refused("refused to copy the folder into itself: " + from);
+  // A folder copied below itself would copy its own copy without end. The folders
+  // from the destination's up to the anchor are compared as they are on disk, so
+  // a link on the way changes nothing.
+  struct stat copied {};
+  struct stat anchor {};
+  if (::fstatat(source.folder.get(), source.name.c_str(), &copied, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISDIR(copied.st_mode) && ::fstat(fd_, &anchor) == 0) {
+    Descriptor at(::fcntl(destination.folder.get(), F_DUPFD_CLOEXEC, 0));
+    struct stat here {};
+    while (at.get() >= 0 && ::fstat(at.get(), &here) == 0) {
+      if (here.st_dev == copied.st_dev && here.st_ino == copied.st_ino) {
+        throw Refused("refused to copy a folder into itself: " + from + " to " + to);
+      }
+      if (here.st_dev == anchor.st_dev && here.st_ino == anchor.st_ino) break;
+      at = Descriptor(::openat(at.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+  }
   const std::string partial = partialName(destination.name);
   try {
     copyTree(source.folder.get(), source.name, destination.folder.get(), partial, from);

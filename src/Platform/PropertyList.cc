@@ -61,7 +61,14 @@ std::optional<Value> fromNode(plist_t node, int depth) {
       int32_t sec = 0;
       int32_t usec = 0;
       plist_get_date_val(node, &sec, &usec);
-      return Value(Value::Date{kSecondsFrom1970To2001 + sec + usec / 1e6});
+      // A binary date that is not a number, or too far off, reaches libplist's
+      // whole seconds as garbage: unreadable, as it could never be stored again.
+      const double since2001 = sec + usec / 1e6;
+      if (!(since2001 >= std::numeric_limits<int32_t>::min() &&
+            since2001 < std::numeric_limits<int32_t>::max())) {
+        return std::nullopt;
+      }
+      return Value(Value::Date{kSecondsFrom1970To2001 + since2001});
     }
     case PLIST_DATA: {
       char* bytes = nullptr;
@@ -331,9 +338,27 @@ bool PropertyList::withinDepth(std::string_view bytes) {
 std::optional<Value> PropertyList::parse(std::string_view bytes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
   if (!withinDepth(bytes)) return std::nullopt;
+  // No XML document holds a NUL character; libplist's getters abort the process
+  // on a string or key that does.
+  if (!bytes.starts_with(kBinaryMagic) && bytes.find('\0') != std::string_view::npos) {
+    return std::nullopt;
+  }
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
   PlistPtr owner(root);
+  if (root != nullptr && bytes.starts_with(kBinaryMagic)) {
+    // A binary list is read through its XML form, refused when that holds a NUL
+    // character (a binary string or key may); it holds the same values otherwise.
+    char* text = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root, &text, &length);
+    std::string xml(text == nullptr ? "" : text, length);
+    plist_to_xml_free(text);
+    if (xml.find('\0') != std::string::npos) return std::nullopt;
+    root = nullptr;
+    plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &root);
+    owner.reset(root);
+  }
   return fromNode(root, 0);
 }
 

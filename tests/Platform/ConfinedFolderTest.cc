@@ -89,6 +89,16 @@ TEST_F(ConfinedFolderTest, MovesAndCopiesNeverReplaceWhatIsThere) {
   EXPECT_EQ(contents(inside("a.txt")), "new") << "nothing changed";
   EXPECT_THROW(folder.copy(at("a.txt"), at("b.txt")), std::system_error);
   EXPECT_EQ(contents(inside("b.txt")), "mine");
+
+  // A folder copied below itself, directly or through a link, is refused at once
+  // instead of copying its own copy until descriptors or the stack run out.
+  fs::create_directories(inside("d/e"));
+  fs::create_directory_symlink(inside("d"), inside("toD"));
+  EXPECT_THROW(folder.copy(at("d"), at("d/e/copy")), ConfinedFolder::Refused);
+  EXPECT_THROW(folder.copy(at("d"), at("toD/copy")), std::exception);
+  EXPECT_EQ(std::distance(fs::directory_iterator(inside("d")), fs::directory_iterator()), 1);
+  folder.copy(at("d/e"), at("f"));
+  EXPECT_TRUE(fs::is_directory(inside("f")));
 }
 
 TEST_F(ConfinedFolderTest, MoveAcrossFileSystemsLandsWholeOrLeavesNothingBesideTheTarget) {
