@@ -11,7 +11,7 @@ CMAKE_ARGS ?=
 
 SOURCES = $(shell git ls-files '*.h' '*.cc' 2>/dev/null)
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan fuzz bench format format-check tidy install clean
+.PHONY: all deps build demo test test-plain test-asan test-tsan fuzz fuzz-long bench format format-check tidy install clean
 
 all: build
 
@@ -51,18 +51,36 @@ test-tsan: deps
 	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	  ctest --output-on-failure -j$(JOBS) -L queues
 
-# The reply parsers under libFuzzer, from the seed corpus of real replies, then the
-# legacy bridge's message decoder and conversions, from seed messages, each for
-# FUZZ_SECONDS; what they find new is kept in $(FUZZ_BUILD)/corpus and xpc-corpus.
+# The reply parsers under libFuzzer, from the seed corpus of real replies; the
+# legacy bridge's message decoder and conversions, from seed messages; the
+# property-list reader, from preference suites; the predicate filter, from the
+# service's lookups; and server paths through the folder facade, from placements
+# of received files: each for FUZZ_SECONDS. What they find new is kept in
+# $(FUZZ_BUILD)/corpus, xpc-corpus, plist-corpus, predicate-corpus and path-corpus.
 fuzz: deps
 	cmake -S tests/fuzz -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(FUZZ_BUILD) -j$(JOBS)
-	mkdir -p $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/xpc-corpus
+	mkdir -p $(FUZZ_BUILD)/corpus $(FUZZ_BUILD)/xpc-corpus $(FUZZ_BUILD)/plist-corpus \
+	  $(FUZZ_BUILD)/predicate-corpus $(FUZZ_BUILD)/path-corpus
 	$(FUZZ_BUILD)/reply_parser_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -rss_limit_mb=2048 -max_len=4194304 -print_final_stats=1 $(FUZZ_BUILD)/corpus tests/fuzz/corpus
 	$(FUZZ_BUILD)/xpc_message_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
 	  -rss_limit_mb=2048 -max_len=140000 -artifact_prefix=$(FUZZ_BUILD)/ -print_final_stats=1 \
 	  $(FUZZ_BUILD)/xpc-corpus tests/fuzz/xpc-corpus
+	$(FUZZ_BUILD)/property_list_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -rss_limit_mb=2048 -max_len=16384 -artifact_prefix=$(FUZZ_BUILD)/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/plist-corpus tests/fuzz/plist-corpus
+	$(FUZZ_BUILD)/predicate_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -rss_limit_mb=2048 -max_len=4096 -artifact_prefix=$(FUZZ_BUILD)/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/predicate-corpus tests/fuzz/predicate-corpus
+	$(FUZZ_BUILD)/confined_path_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -rss_limit_mb=2048 -max_len=4096 -artifact_prefix=$(FUZZ_BUILD)/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/path-corpus tests/fuzz/path-corpus
+
+# The same five for FUZZ_LONG_SECONDS each, growing the same corpora in $(FUZZ_BUILD).
+fuzz-long: FUZZ_LONG_SECONDS ?= 600
+fuzz-long:
+	$(MAKE) fuzz FUZZ_SECONDS=$(FUZZ_LONG_SECONDS)
 
 # What a cycle costs against its period, what moving large files through the real
 # service costs beside curl, how fast small files move at the real period, and
