@@ -95,7 +95,7 @@ class CurlEngine {
   std::map<void*, std::shared_ptr<URLSessionTask>> active_;  // engine thread only, by easy handle
   std::vector<std::shared_ptr<URLSessionTask>> waiting_;     // engine thread only: over the limit
   std::atomic<std::size_t> activeCount_{0};
-  std::mutex piecesMutex_;           // guards sparePieces_
+  std::mutex piecesMutex_;  // guards sparePieces_
   std::vector<std::string> sparePieces_;
   std::thread thread_;
 };
