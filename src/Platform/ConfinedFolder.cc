@@ -399,7 +399,10 @@ void ConfinedFolder::copy(const std::string& from, const std::string& to) const 
     struct stat here {};
     while (at.get() >= 0 && ::fstat(at.get(), &here) == 0) {
       if (here.st_dev == copied.st_dev && here.st_ino == copied.st_ino) {
-        throw Refused("refused to copy a folder into itself: " + from + " to " + to);
+        std::string why = "refused to copy a folder into itself: " + from;
+        why += " to ";
+        why += to;
+        throw Refused(why);
       }
       if (here.st_dev == anchor.st_dev && here.st_ino == anchor.st_ino) break;
       at = Descriptor(::openat(at.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

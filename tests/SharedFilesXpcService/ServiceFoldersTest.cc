@@ -71,7 +71,7 @@ bool refusedNamingOwnFolder() {
 
 TEST(ServiceFoldersTest, WithoutTmpdirPartialFilesGoToAFolderOfTheUsersOwnMadePrivate) {
   const int outcome = inOwnVarTmp([] {
-    ::unsetenv("TMPDIR");
+    ::unsetenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe): a child of one thread
     const std::string own = "/var/tmp/tallowbox-" + std::to_string(::getuid()) + "/";
     if (Environment::fromProcess().temporaryFolder != own) return 1;
     useOwnTemporaryFolder();
