@@ -77,7 +77,7 @@ Download::Appended Download::append(const std::string& chunk, std::string& error
     Opened partial(download_.openForAppend(partialPath_));
     if (!isAsLeft(partial.fd)) return Appended::kDiscarded;
     if (!FileSystemFaults::writeAll(partial.fd, chunk.data(), chunk.size())) {
-      error = std::strerror(errno);
+      error = std::strerror(errno);  // NOLINT(concurrency-mt-unsafe): glibc's is safe
       failed_ = true;
       return Appended::kWriteFailed;
     }
