@@ -263,6 +263,11 @@ Value PackedValue::unpacked() const {
   return Reader(packed_->bytes, packed_->handles).value();
 }
 
+Value::Array PackedValue::unpackedArray() const {
+  Value value = unpacked();
+  return value.array() != nullptr ? std::move(*value.mutableArray()) : Value::Array();
+}
+
 std::size_t PackedValue::size() const { return packed_ ? packed_->bytes.size() : 0; }
 
 bool PackedValue::operator==(const PackedValue& other) const {

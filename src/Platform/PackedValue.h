@@ -22,6 +22,8 @@ class PackedValue {
 
   // A new tree, equal to the value packed.
   Value unpacked() const;
+  // The array packed, as a new tree; empty when what is packed is no array.
+  Value::Array unpackedArray() const;
   // The bytes the packed value takes (file handles aside, which are shared).
   std::size_t size() const;
 

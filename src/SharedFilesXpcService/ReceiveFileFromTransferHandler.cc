@@ -506,8 +506,7 @@ Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {
     std::lock_guard lock(mutex_);
     packed = sharedFilesDefaultsArray_;
   }
-  Value list = packed.unpacked();
-  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
+  return packed.unpackedArray();
 }
 
 void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(const Value::Array& list) {

@@ -127,8 +127,7 @@ Value::Array SendFileToTransferHandler::sharedFilesDefaultsArray() const {
     std::lock_guard lock(mutex_);
     packed = sharedFilesDefaultsArray_;
   }
-  Value list = packed.unpacked();
-  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
+  return packed.unpackedArray();
 }
 
 std::string SendFileToTransferHandler::localFileOf(const FileToTransfer& file) {

@@ -364,8 +364,7 @@ Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
     std::lock_guard lock(mutex_);
     packed = sharedFilesDefaultsArray_;
   }
-  Value list = packed.unpacked();
-  return list.array() != nullptr ? std::move(*list.mutableArray()) : Value::Array();
+  return packed.unpackedArray();
 }
 
 void SharedFilesXpcService::setSharedFilesDefaultsArray(const Value::Array& array) {
