@@ -352,6 +352,25 @@ std::chrono::milliseconds CurlEngine::handOverDuePieces() {
 
 namespace {
 
+// Creates a download task's file in the temporary folder; its descriptor, with
+// `path` set to it, or -1. The user's own temporary folder is made 0700 first, or
+// refused with a line saying why.
+int createDownloadFile(std::string& path) {
+  const std::string folder = Environment::current()->temporaryFolder;
+  if (folder == Environment::ownTemporaryFolder()) {
+    try {
+      ConfinedFolder::privateFolder(folder);
+    } catch (const std::exception& refused) {
+      Log::printf("Nothing is downloaded: %s", refused.what());
+      return -1;
+    }
+  }
+  std::string made = folder + "CFNetworkDownload_XXXXXX.tmp";
+  const int fd = ::mkostemps(made.data(), 4, O_CLOEXEC);
+  if (fd >= 0) path = std::move(made);
+  return fd;
+}
+
 std::string hostKeyOf(const std::string& url) {
   std::string key;
   CURLU* parsed = curl_url();
@@ -489,23 +508,11 @@ void CurlEngine::begin(const std::shared_ptr<URLSessionTask>& task) {
   }
 
   if (task->kind_ == URLSessionTask::Kind::kDownload) {
-    const std::string folder = Environment::current()->temporaryFolder;
-    if (folder == Environment::ownTemporaryFolder()) {
-      try {
-        ConfinedFolder::privateFolder(folder);  // made 0700, or refused
-      } catch (const std::exception& refused) {
-        Log::printf("Nothing is downloaded: %s", refused.what());
-        finishWithCode(task, PlatformError::kCannotCreateFile, "Cannot create the download file");
-        return;
-      }
-    }
-    std::string path = folder + "CFNetworkDownload_XXXXXX.tmp";
-    transfer.downloadFd = ::mkostemps(path.data(), 4, O_CLOEXEC);
+    transfer.downloadFd = createDownloadFile(transfer.downloadPath);
     if (transfer.downloadFd < 0) {
       finishWithCode(task, PlatformError::kCannotCreateFile, "Cannot create the download file");
       return;
     }
-    transfer.downloadPath = path;
   }
 
   if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
