@@ -284,7 +284,6 @@ TEST_F(TransferCycleTest, FileThatArrivedEarnsOneStepAtOnceAndAFailedOneNone) {
 }
 
 TEST_F(TransferCycleTest, EarnedStepsComeAtMostTenASecondAndNeverBesideARunningPass) {
-  answer(ReferenceServer::json({{"ReturnStatus", "0"}}));
   // A pass still running: the other's good end earns nothing yet.
   stepAnswered({{"RecFileFromTransfer", {{{"SharedFileTransferID", "2"}}}}});
   ASSERT_TRUE(service->receiveLock());
@@ -295,9 +294,10 @@ TEST_F(TransferCycleTest, EarnedStepsComeAtMostTenASecondAndNeverBesideARunningP
   ASSERT_EQ(scheduler.pending(), 3U) << "earned once both passes have ended";
 
   // Run the earned step, and earn another at once: it comes no sooner than a
-  // tenth of a second after the first began, however fast this machine is.
-  while (scheduler.pending() > 1) scheduler.runNext();
+  // tenth of a second after the first began, however fast this machine is. The
+  // earned step queries at once, so the server has its empty answer ready first.
   answer(ReferenceServer::json({{"ReturnStatus", "0"}}));
+  while (scheduler.pending() > 1) scheduler.runNext();
   ASSERT_TRUE(waitUntil([&] { return !service->sendLock() && !service->receiveLock(); }));
   service->transferEndedWell();
   service->ReceiveFileNotify();
