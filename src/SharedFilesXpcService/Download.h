@@ -63,9 +63,9 @@ class Download {
   // Whether an append or the placing failed: nothing more is written or placed.
   bool hasFailed() const { return failed_; }
   // Lets other downloads take this one's paths: at once, or (once it has been
-  // acknowledged) after the next answered query.
+  // acknowledged) once every reply that may still list it has been handled.
   void release() { claim_.release(); }
-  void releaseAfterNextQuery() { claim_.releaseAfterNextQuery(); }
+  void releaseOnceEarlierRepliesAreHandled() { claim_.releaseOnceEarlierRepliesAreHandled(); }
 
  private:
   // The partial file's length, when it is as this download left it; otherwise

@@ -210,9 +210,10 @@ void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& d
           query, [self = shared_from_this(), download](
                      const OperationResult<UpdateFileReceivedResponseData>& result, int status) {
             // Acknowledged: a reply already on its way may list the file still.
-            status == 0 ? download->releaseAfterNextQuery() : download->release();
+            status == 0 ? download->releaseOnceEarlierRepliesAreHandled() : download->release();
             self->reportFailures([&] {
               if (statusIsZero(result, status)) {
+                acknowledged(download->sharedFileTransferID);
                 self->updateFileID(download->finalPath());
                 self->notifyArrived();
               }
@@ -230,10 +231,11 @@ void ReceiveFileFromTransferHandler::finished(const std::shared_ptr<Download>& d
         query,
         [self = shared_from_this(), download](
             const OperationResult<DeleteReceivedFileFromTransferResponseData>& result, int status) {
-          status == 0 ? download->releaseAfterNextQuery() : download->release();
+          status == 0 ? download->releaseOnceEarlierRepliesAreHandled() : download->release();
           self->reportFailures([&] {
             if (status != 0) return;
             if (statusIsZero(result, status)) {
+              acknowledged(download->sharedFileTransferID);
               self->notifyArrived();
               self->updateFileID(download->finalPath());
             } else {

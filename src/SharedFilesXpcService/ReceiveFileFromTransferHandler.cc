@@ -92,7 +92,15 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
     // kept: set once per pass, not per entry; an entry that assigns nothing
     // inherits the path of the entry before it.
     std::string workingPath;
-    for (const RecFileFromTransfer& file : files) receive(file, workingPath);
+    for (const RecFileFromTransfer& file : files) {
+      if (acknowledgedLately(file.sharedFileTransferId)) {
+        Log::printf("Skipped transfer %s: acknowledged a moment ago",
+                    Readings::formatted(file.sharedFileTransferId).c_str());
+        notify();
+        continue;
+      }
+      receive(file, workingPath);
+    }
   } catch (const std::exception& exception) {
     Log::printf("Receive Files Exception: %s", exception.what());
     logErrorMethod(exception);
@@ -363,12 +371,26 @@ void ReceiveFileFromTransferHandler::acknowledge(const WireValue& transfer) {
   query.sharedFileTransferID = transfer;
   query.isFileExists = "true";
   RestInterface::asyncUpdateFileReceived(
-      query, [self = shared_from_this()](
+      query, [self = shared_from_this(), transfer](
                  const OperationResult<UpdateFileReceivedResponseData>& result, int status) {
         self->reportFailures([&] {
-          if (ReceiveFileFromTransferHandler::statusIsZero(result, status)) self->notify();
+          if (ReceiveFileFromTransferHandler::statusIsZero(result, status)) {
+            acknowledged(transfer);
+            self->notify();
+          }
         });
       });
+}
+
+void ReceiveFileFromTransferHandler::acknowledged(const WireValue& transfer) {
+  if (!transfer) return;
+  if (auto claim = TransferClaims::claim({TransferClaims::acknowledgementKey(transfer->dump())})) {
+    claim->releaseOnceEarlierRepliesAreHandled();
+  }
+}
+
+bool ReceiveFileFromTransferHandler::acknowledgedLately(const WireValue& transfer) {
+  return transfer && !TransferClaims::claim({TransferClaims::acknowledgementKey(transfer->dump())});
 }
 
 void ReceiveFileFromTransferHandler::reportFailures(const std::function<void()>& work) {

@@ -128,6 +128,13 @@ class ReceiveFileFromTransferHandler
                      const OperationResult<IsFileExistsInCloudResponseData>& result, int status);
   // Sends UpdateFileReceived for `transfer`; ReturnStatus 0 notifies.
   void acknowledge(const WireValue& transfer);
+  // The server has taken `transfer` as received. A reply already on its way may
+  // list it still; its entry is skipped until every such reply is handled, as
+  // its steps would otherwise run twice (a second delete finds no entry and
+  // takes the path of the entry before it).
+  static void acknowledged(const WireValue& transfer);
+  // Whether `transfer` was acknowledged so lately that a reply may list it still.
+  static bool acknowledgedLately(const WireValue& transfer);
 
   void startAsyncDownloadWithStreamRequest(const std::string& url, const std::string& postData,
                                            std::shared_ptr<Download> download);

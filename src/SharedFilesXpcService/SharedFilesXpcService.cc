@@ -85,14 +85,12 @@ void SharedFilesXpcService::queryWhenIdle() {
     GetSharedFilesTransferDataQuery query;
     query.computerId = Readings::requestValue(Value::objectForKey(prefs, "computerIdKey"));
     query.userId = Readings::requestValue(Value::objectForKey(prefs, "userIdKey"));
-    const std::uint64_t sent = TransferClaims::querySent();
+    auto reply = std::make_shared<TransferClaims::PendingReply>(TransferClaims::querySent());
     RestInterface::asyncGetSharedFilesTransferData(
         query,
-        [self = shared_from_this(), sent](
-            const OperationResult<GetSharedFilesTransferDataResponseData>& result, int status) {
-          TransferClaims::queryAnswered(sent);
-          self->transferDataArrived(result, status);
-        });
+        [self = shared_from_this(), reply](
+            const OperationResult<GetSharedFilesTransferDataResponseData>& result,
+            int status) mutable { self->transferDataArrived(result, status, std::move(reply)); });
   }
 }
 
@@ -102,7 +100,8 @@ void SharedFilesXpcService::restartAfterUnreadableReply(const std::string& why) 
 }
 
 void SharedFilesXpcService::transferDataArrived(
-    const OperationResult<GetSharedFilesTransferDataResponseData>& result, int status) {
+    const OperationResult<GetSharedFilesTransferDataResponseData>& result, int status,
+    std::shared_ptr<TransferClaims::PendingReply> reply) {
   if (const auto* error = std::get_if<PlatformError>(&result.transportResult);
       error != nullptr && error->domain() == RestInterface::kReplyShapeErrorDomain) {
     restartAfterUnreadableReply(error->localizedDescription());
@@ -153,11 +152,14 @@ void SharedFilesXpcService::transferDataArrived(
     sendLock_.store(false, std::memory_order_relaxed);
   }
   if (!data.RecFileFromTransferArray.empty()) {
-    scheduler_.dispatchAsync([handler = receiveHandler(), files = data.RecFileFromTransferArray] {
+    // The reply counts as handled once its entries have taken their claims.
+    scheduler_.dispatchAsync([handler = receiveHandler(), files = data.RecFileFromTransferArray,
+                              reply = std::move(reply)]() mutable {
       try {
         handler->recFileFromTransfer(files);
       } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
       }
+      reply.reset();
       FreedMemory::giveBack();
     });
   } else {

@@ -18,6 +18,7 @@
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
 #include "SharedFilesXpcService/SendFileToTransferHandler.h"
 #include "SharedFilesXpcService/SharedFilesXpcServiceProtocol.h"
+#include "SharedFilesXpcService/TransferClaims.h"
 
 // The service object of one calling peer. It owns that peer's transfer cycle: a
 // step every two seconds that asks the server what is pending when no send or
@@ -104,9 +105,10 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   void queryWhenIdle();
   // After a notification: the step a moved file earned, when both flags are clear.
   void passEnded();
-  // The completion of the pending-work query.
+  // The completion of the pending-work query; `reply` is handled when the receive
+  // pass it starts has taken its claims, or at once.
   void transferDataArrived(const OperationResult<GetSharedFilesTransferDataResponseData>& result,
-                           int status);
+                           int status, std::shared_ptr<TransferClaims::PendingReply> reply);
   // Makes the root folder of `owner` and returns its new list entry. Throws
   // ValueError, before making anything, when the entry would not be kept exactly.
   static Value newRootFolder(const OwnerComputers& owner, const Value::Dictionary& prefs);

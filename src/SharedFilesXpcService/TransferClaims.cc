@@ -10,10 +10,23 @@ namespace {
 struct Held {
   std::mutex mutex;
   std::set<std::string> keys;  // guarded by mutex
-  // The last query sent, and the keys given up while it was the last, until a
-  // later one is answered. Guarded by mutex.
+  // The last query sent, the queries whose replies are not handled yet, and the
+  // keys given up while each was the last sent, until every reply up to it is
+  // handled. Guarded by mutex.
   std::uint64_t lastQuery = 0;
+  std::set<std::uint64_t> unhandled;
   std::vector<std::pair<std::uint64_t, std::vector<std::string>>> parked;
+
+  // Frees the parked keys no unhandled reply can list any more. Called with the
+  // mutex held.
+  void freeParked() {
+    const std::uint64_t oldest = unhandled.empty() ? lastQuery + 1 : *unhandled.begin();
+    std::erase_if(parked, [&](const auto& given) {
+      if (given.first >= oldest) return false;
+      for (const std::string& key : given.second) keys.erase(key);
+      return true;
+    });
+  }
 };
 
 // Never destroyed: a claim may be released while the process exits.
@@ -71,28 +84,28 @@ void TransferClaims::Claim::release() {
   keys_.clear();
 }
 
-void TransferClaims::Claim::releaseAfterNextQuery() {
+void TransferClaims::Claim::releaseOnceEarlierRepliesAreHandled() {
   if (keys_.empty()) return;
   Held& all = held();
   std::lock_guard lock(all.mutex);
   all.parked.emplace_back(all.lastQuery, std::move(keys_));
   keys_.clear();
+  all.freeParked();
 }
 
-std::uint64_t TransferClaims::querySent() {
+TransferClaims::PendingReply TransferClaims::querySent() {
   Held& all = held();
   std::lock_guard lock(all.mutex);
-  return ++all.lastQuery;
+  all.unhandled.insert(++all.lastQuery);
+  return PendingReply(all.lastQuery);
 }
 
-void TransferClaims::queryAnswered(std::uint64_t query) {
+TransferClaims::PendingReply::~PendingReply() {
+  if (query_ == 0) return;
   Held& all = held();
   std::lock_guard lock(all.mutex);
-  std::erase_if(all.parked, [&](const auto& given) {
-    if (given.first >= query) return false;
-    for (const std::string& key : given.second) all.keys.erase(key);
-    return true;
-  });
+  all.unhandled.erase(query_);
+  all.freeParked();
 }
 
 std::optional<TransferClaims::Claim> TransferClaims::claim(const std::vector<std::string>& keys) {

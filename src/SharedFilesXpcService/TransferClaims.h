@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Which files are being moved right now, in the whole process. However the
@@ -28,10 +29,11 @@ class TransferClaims {
     // any of them.
     bool extend(const std::vector<std::string>& keys);
     void release();
-    // Gives the keys up once a pending-work query sent after now has been
-    // answered. A file acknowledged a moment ago is still listed by a reply that
-    // was already on its way; it must not be fetched again for it.
-    void releaseAfterNextQuery();
+    // Gives the keys up once the reply to every pending-work query sent before
+    // now has been handled. A file acknowledged a moment ago is still listed by a
+    // reply that was already on its way, however late its pass runs; it must not
+    // be fetched again for it.
+    void releaseOnceEarlierRepliesAreHandled();
 
    private:
     std::vector<std::string> keys_;
@@ -40,13 +42,31 @@ class TransferClaims {
   // A claim on every one of `keys`, or nullopt when any is held already.
   static std::optional<Claim> claim(const std::vector<std::string>& keys);
 
-  // A pending-work query is sent: its number, to be handed to queryAnswered.
-  static std::uint64_t querySent();
-  // The reply to query `query` has arrived: the keys given up before it was sent
-  // are free.
-  static void queryAnswered(std::uint64_t query);
+  // A pending-work query on its way. Its reply counts as handled when this goes
+  // away: the reply failed, or the passes it started have taken their claims.
+  // Keys given up while it was on its way are free once every earlier query's
+  // reply is handled too.
+  class PendingReply {
+   public:
+    explicit PendingReply(std::uint64_t query) : query_(query) {}
+    ~PendingReply();
+    PendingReply(PendingReply&& other) noexcept : query_(std::exchange(other.query_, 0)) {}
+    PendingReply& operator=(PendingReply&&) = delete;
+    PendingReply(const PendingReply&) = delete;
+    PendingReply& operator=(const PendingReply&) = delete;
+
+   private:
+    std::uint64_t query_;  // 0 once moved from
+  };
+
+  // A pending-work query is sent.
+  static PendingReply querySent();
 
   // The keys of a download, and of an upload.
   static std::string downloadKey(const std::string& path) { return "file:" + path; }
   static std::string uploadKey(const std::string& transfer) { return "upload:" + transfer; }
+  // The key of a transfer the server was told of, by its id as sent.
+  static std::string acknowledgementKey(const std::string& transfer) {
+    return "acknowledged:" + transfer;
+  }
 };

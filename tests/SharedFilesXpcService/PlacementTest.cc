@@ -129,19 +129,25 @@ TEST(EntryPlacementTest, PartialFileMirrorsTheTargetBelowTheDownloadFolder) {
       << "only the product folder itself is replaced";
 }
 
-TEST(TransferClaimsTest, AcknowledgedFileStaysClaimedUntilAReplyAskedForAfterwardsArrives) {
-  const std::uint64_t onItsWay = TransferClaims::querySent();
+TEST(TransferClaimsTest, AcknowledgedFileStaysClaimedUntilEveryReplyAskedForBeforeIsHandled) {
+  std::optional<TransferClaims::PendingReply> onItsWay(TransferClaims::querySent());
   std::optional<TransferClaims::Claim> claim = TransferClaims::claim({"file:/t/a.bin"});
   ASSERT_TRUE(claim);
   EXPECT_FALSE(TransferClaims::claim({"file:/t/b.bin", "file:/t/a.bin"})) << "all or nothing";
   EXPECT_TRUE(TransferClaims::claim({"file:/t/b.bin"})) << "and nothing was taken";
-  claim->releaseAfterNextQuery();
+  claim->releaseOnceEarlierRepliesAreHandled();
   EXPECT_FALSE(TransferClaims::claim({"file:/t/a.bin"}));
-  TransferClaims::queryAnswered(onItsWay);
+  static_cast<void>(TransferClaims::querySent());
   EXPECT_FALSE(TransferClaims::claim({"file:/t/a.bin"}))
-      << "a reply asked for before the acknowledgement may list the file still";
-  TransferClaims::queryAnswered(TransferClaims::querySent());
+      << "a later reply handled first: the earlier one, its pass still to run, may list the file";
+  onItsWay.reset();
   EXPECT_TRUE(TransferClaims::claim({"file:/t/a.bin"}));
+
+  // With no reply on its way, nothing can list the file again.
+  claim = TransferClaims::claim({"file:/t/c.bin"});
+  ASSERT_TRUE(claim);
+  claim->releaseOnceEarlierRepliesAreHandled();
+  EXPECT_TRUE(TransferClaims::claim({"file:/t/c.bin"}));
 }
 
 TEST(PathNamesTest, ComponentsAndExtensionsFollowThePlatformRules) {

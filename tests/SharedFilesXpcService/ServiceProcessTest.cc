@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <set>
 
@@ -59,7 +61,7 @@ class ServiceProcessTest : public ::testing::Test {
   std::vector<std::string> settings() const {
     return {"DBUS_SESSION_BUS_ADDRESS=" + bus.address(), "TALLOWBOX_BASE_URL=" + server.baseURL(),
             "XDG_CONFIG_HOME=" + root.file("config"), "TMPDIR=" + root.file("tmp"),
-            "TALLOWBOX_TEST_CYCLE_PERIOD_MS=250"};
+            "TALLOWBOX_TEST_CYCLE_PERIOD_MS=" + periodMs};
   }
   // Calls SharedFile as the application does, once the service is on the bus.
   void sharedFile() {
@@ -177,6 +179,7 @@ class ServiceProcessTest : public ::testing::Test {
     return mark != nullptr && mark->string() != nullptr ? *mark->string() : "<none>";
   }
 
+  std::string periodMs = "250";
   TemporaryFolder root;
   PrivateBus bus{root.path().string()};
   ReferenceServer server;
@@ -419,4 +422,199 @@ TEST_F(ServiceProcessTest,
   EXPECT_EQ(contents(shared() / "Notes"), "a file where a folder should be");
   EXPECT_TRUE(waitUntil([&] { return numbered(shared() / "Docs"); })) << "the next folder was made";
   EXPECT_TRUE(service->running());
+}
+
+namespace {
+
+// What /proc tells of a process: resident size, open descriptors, threads.
+struct ProcessFigures {
+  long residentKiB = 0;
+  std::size_t descriptors = 0;
+  std::size_t threads = 0;
+};
+
+ProcessFigures figuresOf(pid_t pid) {
+  const fs::path proc = fs::path("/proc") / std::to_string(pid);
+  ProcessFigures figures;
+  std::ifstream status(proc / "status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) figures.residentKiB = std::atol(line.c_str() + 6);
+  }
+  for (const auto& item : fs::directory_iterator(proc / "fd")) {
+    static_cast<void>(item);
+    ++figures.descriptors;
+  }
+  for (const auto& item : fs::directory_iterator(proc / "task")) {
+    static_cast<void>(item);
+    ++figures.threads;
+  }
+  return figures;
+}
+
+// The soak's length in cycles: TALLOWBOX_SOAK_CYCLES, else a short run.
+std::size_t soakCycles() {
+  const char* text = std::getenv("TALLOWBOX_SOAK_CYCLES");  // NOLINT(concurrency-mt-unsafe)
+  const long cycles = text != nullptr ? std::atol(text) : 0;
+  return cycles > 0 ? static_cast<std::size_t>(cycles) : 1500;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
+}  // namespace
+
+// The period shortened to 2 ms, and every few cycles new work from the server:
+// a file to receive each round, renames and deletes of files received before,
+// files to send, a second owner computer sharing and blocking in turn, and
+// failures (a dropped reply, a download answered 500, a download cut). Measured
+// between cycle 1,000 (or half the run, when shorter) and the end, resident
+// memory may grow by at most 1 MiB, descriptors and threads not at all; the
+// cycle still queries at the end, and every file is where it belongs, byte for
+// byte. `make soak` runs 10,000 cycles (TALLOWBOX_SOAK_CYCLES).
+TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryFileRight) {
+  const std::size_t cycles = soakCycles();
+  const std::size_t settled = std::min<std::size_t>(1000, cycles / 2);
+  periodMs = "2";
+  // The files go into a folder Ann shares, as they do in use: the owner pass
+  // blocks whatever lies directly in her "(Shared)" folder unless the server
+  // lists it as a shared folder.
+  annShares(
+      {{"computers",
+        {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "500"}, {"SharedStatus", "1"}}}}}}}}});
+  receive({{"OwnerFileID", "500"},
+           {"FullPath", "\\Docs"},
+           {"IsFile", "False"},
+           {"SharedFileTransferID", "RF"}});
+  const fs::path docs = shared() / "Docs";
+  ASSERT_TRUE(waitUntil([&] { return blocked(docs) == "0"; })) << logTail();
+  UserDefaults watcher("Quentara.SyncFilesXpcService");
+  Value::Array watched;
+  // By round: the file's name in the shared folder, and its size.
+  std::map<std::size_t, std::pair<std::string, std::size_t>> received;
+  std::set<std::string> removed;
+  std::map<std::string, fs::path> sent;  // transfer -> file
+  std::optional<ProcessFigures> before;
+  auto pending = [&] {
+    const json computer = server.state().document()["computers"]["C1"];
+    return computer.value("RecFileFromTransfer", json::array()).size() +
+           computer.value("FileToTransfer", json::array()).size();
+  };
+
+  for (std::size_t round = 1; queries() < cycles; ++round) {
+    const std::string n = std::to_string(round);
+    const std::size_t size = 10240 + round * 37;
+    server.state().merge({{"saved", {{"S" + n, {{"size", size}}}}}});
+    std::vector<json> entries = {{{"OwnerFileID", "OF" + n},
+                                  {"PrevFolderFileID", "500"},
+                                  {"FullPath", "\\f" + n + ".bin"},
+                                  {"SavedFileID", "S" + n},
+                                  {"SharedFileTransferID", "R" + n}}};
+    received[round] = {"f" + n + ".bin", size};
+    // Every other round renames the file of the round before; every round
+    // deletes the file of three rounds before, so the folder holds a few files
+    // however long the run.
+    if (round % 2 == 0) {
+      std::string& name = received[round - 1].first;
+      entries.push_back({{"ChangeType", "2"},
+                         {"OwnerFileID", "OF" + std::to_string(round - 1)},
+                         {"FullPath", "\\" + name},
+                         {"NewFullPath", "\\g" + name},
+                         {"SharedFileTransferID", "RN" + n}});
+      name.insert(0, "g");
+    }
+    if (round > 3) {
+      entries.push_back({{"ChangeType", "3"},
+                         {"OwnerFileID", "OF" + std::to_string(round - 3)},
+                         {"FullPath", "\\" + received[round - 3].first},
+                         {"SharedFileTransferID", "RD" + n}});
+      removed.insert(received[round - 3].first);
+      received.erase(round - 3);
+    }
+    json files = json::array();
+    if (round % 3 == 0) {
+      const fs::path file = home() / "Work" / ("u" + n + ".bin");
+      writeFile(file, 20000 + round);
+      watched.emplace_back(Value::Dictionary{{"FileIDKey", Value("OU" + n)},
+                                             {"BaseSystemFilePathKey", Value(file.string())}});
+      if (watched.size() > 3) watched.erase(watched.begin());
+      watcher.setObject(Value(watched), "FileWatchedDataKey");
+      files.push_back({{"ChangeType", "1"},
+                       {"IsFile", "True"},
+                       {"IsOwnerToSubscriber", "1"},
+                       {"OwnerFileID", "OU" + n},
+                       {"ToCloud", "0"},
+                       {"FromComputerID", "C1"},
+                       {"ToComputerID", "C2"},
+                       {"SharedFileTransferID", "T" + n},
+                       {"FullPathfromFileTable", "Work\\u" + n + ".bin"},
+                       {"FullPath", "\\C1\\Work\\u" + n + ".bin"},
+                       {"NewFullPath", ""},
+                       {"TallowboxPath", "/home/ann"}});
+      sent["T" + n] = file;
+    }
+    if (round % 5 == 0) {
+      server.state().merge(
+          {{"computers",
+            {{"C1",
+              {{"OwnerComputers",
+                {{{"NickName", "Ann-Laptop"}, {"Status", "1"}, {"UserComputerMapID", "M1"}},
+                 {{"NickName", "Bob-Desktop"},
+                  {"Status", round % 10 == 0 ? "0" : "1"},
+                  {"UserComputerMapID", "M2"}}}}}}}}});
+    }
+    if (round % 7 == 3) {
+      ReferenceServer::Reply dropped = ReferenceServer::json({{"ReturnStatus", "0"}});
+      dropped.dropAfter = 5;
+      dropped.times = 1;
+      server.script(kQuery, dropped);
+    }
+    if (round % 6 == 1) {
+      ReferenceServer::Reply refused = ReferenceServer::json({{"ReturnStatus", "1"}}, 500);
+      refused.times = 1;
+      server.script(kFetch, refused);
+    }
+    if (round % 8 == 5) server.state().merge({{"faults", {{"cutDownloadAfter", 5000}}}});
+    server.state().merge({{"computers", {{"C1", {{"FileToTransfer", files}}}}}});
+    offer(entries);
+
+    ASSERT_TRUE(waitUntil([&] { return pending() == 0; }, 60s))
+        << "round " << round << " never ended\n"
+        << logTail();
+    const std::size_t now = queries();
+    ASSERT_TRUE(waitUntil([&] { return queries() >= now + 5; })) << "the cycle stopped\n"
+                                                                 << logTail();
+    if (!before && queries() >= settled) before = figuresOf(service->pid());
+  }
+  ASSERT_TRUE(before.has_value());
+  const ProcessFigures after = figuresOf(service->pid());
+  EXPECT_TRUE(service->running());
+
+  for (const auto& [round, file] : received) {
+    EXPECT_TRUE(holdsPattern(docs / file.first, file.second))
+        << file.first << " is not byte for byte";
+  }
+  for (const std::string& name : removed) EXPECT_FALSE(fs::exists(docs / name)) << name;
+  const json transfers = server.state().snapshot()["transfers"];
+  for (const auto& [transfer, file] : sent) {
+    ASSERT_TRUE(transfers.contains(transfer)) << transfer;
+    EXPECT_EQ(transfers[transfer].value("sha256", ""), sha256Of(file.string())) << transfer;
+  }
+  EXPECT_NO_THROW(static_cast<void>(list())) << "the list is still readable";
+  EXPECT_TRUE(nothingLeftInTemp());
+  EXPECT_LE(after.descriptors, before->descriptors);
+  EXPECT_LE(after.threads, before->threads);
+  if (!kSanitized) {
+    EXPECT_LE(after.residentKiB - before->residentKiB, 1024)
+        << before->residentKiB << " KiB after " << settled << " cycles, " << after.residentKiB
+        << " KiB after " << queries();
+  }
 }

@@ -132,7 +132,7 @@ ReferenceServer::Reply ReferenceServer::nextReply(const std::string& operation,
   }
   std::vector<Reply>& replies = it->second;
   Reply reply = replies.front();
-  if (replies.size() > 1 && (reply.times <= 1 || --replies.front().times == 0)) {
+  if (reply.times > 0 ? --replies.front().times == 0 : replies.size() > 1) {
     replies.erase(replies.begin());
   }
   return reply;

@@ -45,7 +45,9 @@ class ReferenceServer {
     bool neverEnds = false;
     // Sends the body in chunks of this size (chunked transfer encoding).
     std::size_t chunkSize = 0;
-    // How many requests this reply answers before the next scripted one (0: all).
+    // How many requests this reply answers before it goes; then the next scripted
+    // one answers, or the state when there is none. 0: one request, and every
+    // later one when it is the last scripted.
     int times = 0;
   };
   static Reply json(const nlohmann::json& body, int status = 200);
@@ -82,7 +84,8 @@ class ReferenceServer {
   // "http://<host>:<port>/TallowboxRestService/"
   std::string baseURL() const;
 
-  // Replies for `operation`, in order; the last one stays for every later request.
+  // Replies for `operation`, in order; the last one stays for every later request
+  // unless it was given a number of `times`.
   void script(const std::string& operation, Reply reply);
   void clearScripts();
 
