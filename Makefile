@@ -11,18 +11,23 @@ CMAKE_ARGS ?=
 
 SOURCES = $(shell git ls-files '*.h' '*.cc' 2>/dev/null)
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan fuzz fuzz-long soak bench format format-check tidy install clean
+.PHONY: all deps build compile demo test test-plain test-asan test-tsan fuzz fuzz-long soak bench format format-check tidy install clean
 
 all: build
 
 deps:
 	@scripts/install-deps
 
-$(BUILD)/CMakeCache.txt: | deps
+$(BUILD)/CMakeCache.txt:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALLOWBOX_WERROR=ON $(CMAKE_ARGS)
 
-build: deps $(BUILD)/CMakeCache.txt
+# Builds with the packages already installed; `make build` installs what is missing
+# first, and configures only after that.
+compile: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
+
+build: deps
+	$(MAKE) --no-print-directory compile
 
 demo: build
 	scripts/demo $(BUILD)
@@ -95,7 +100,8 @@ soak: build
 # kept as CSV in bench/results/; the figures and targets are in
 # bench/TransferBench.cc. It builds only the benchmarks and the service, and exits
 # non-zero when a target is missed.
-bench: deps $(BUILD)/CMakeCache.txt
+bench: deps
+	$(MAKE) --no-print-directory $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS) --target transfer_bench
 	$(BUILD)/bin/transfer_bench
 
@@ -108,7 +114,8 @@ format-check: deps
 tidy: build
 	run-clang-tidy -quiet -p $(BUILD) $(addprefix $(CURDIR)/,$(filter %.cc,$(SOURCES)))
 
-install: build
+# Installs what is built, building it first; it installs no packages.
+install: compile
 	cmake --install $(BUILD)
 
 clean:

@@ -1,7 +1,7 @@
-#include <cstring>
 #include <exception>
 #include <optional>
 
+#include "Platform/CommandLine.h"
 #include "Platform/FreedMemory.h"
 #include "Platform/Log.h"
 #include "Services/ServicesUtilities.h"
@@ -10,12 +10,32 @@
 #include "SharedFilesXpcService/SharedFilesXpcService.h"
 #include "XPCKit/XPCService.h"
 
+namespace {
+
+constexpr const char* kUsage = R"(Usage: SharedFilesXpcService [--log-stderr]
+       SharedFilesXpcService --help | --version
+
+The Tallowbox shared-files service. It serves SharedFile on the session bus as
+Quentara.SharedFilesXpcService (on AppKit 1138, on the socket
+$XDG_RUNTIME_DIR/Quentara.SharedFilesXpcService.xpc instead) and, once called, runs
+its cycle until SIGTERM.
+
+  --log-stderr  print every log line on standard error too, beside the system log
+  --help        print this and exit
+  --version     print the version and exit
+)";
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  bool logToStandardError = false;
+  CommandLine commandLine("SharedFilesXpcService", kUsage);
+  commandLine.flag("--log-stderr", logToStandardError);
+  if (std::optional<int> status = commandLine.parse(argc, argv)) return *status;
+
   // The service runs for months: large blocks go back to the system when freed.
   FreedMemory::keepLittle();
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--log-stderr") == 0) Log::enableStandardError(true);
-  }
+  if (logToStandardError) Log::enableStandardError(true);
 
   if (ServicesUtilities::is10_7()) {
     // The legacy runner, without the session bus: every message on any

@@ -129,8 +129,8 @@ TEST_F(CatalogueCallTest, BadInputIsRefusedWithExitTwoAndNothingIsSent) {
   };
   const std::vector<Case> cases = {
       {{}, "no operation given"},
-      {{"GetTopFileUpload", "{}", "extra"}, "unexpected arguments"},
-      {{"--verbose"}, "unexpected arguments"},
+      {{"GetTopFileUpload", "{}", "extra"}, "unexpected argument 'extra'"},
+      {{"--verbose"}, "unknown option --verbose"},
       {{"GetEverything", "{}"}, "unknown operation \"GetEverything\""},
       {{"UpdateSendFileToTransfer"}, "did you mean updateSendFileToTransfer?"},
       {{"GetTopFileUpload", R"(["ToComputerID", "C2"])"}, "must be a JSON object, not array"},

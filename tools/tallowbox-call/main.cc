@@ -1,17 +1,22 @@
 // tallowbox-call: calls one operation of the server's catalogue, as the product's
 // programs do, and prints its parsed reply. See --help.
 #include <iostream>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "CatalogueCall.h"
+#include "Platform/CommandLine.h"
 #include "Platform/Environment.h"
 
 namespace {
 
-void usage(std::ostream& out) {
+std::string usage() {
+  std::ostringstream out;
   out << R"(Usage: tallowbox-call OPERATION [JSON]
        tallowbox-call --list
-       tallowbox-call --help
+       tallowbox-call --help | --version
 
 Calls one operation of the Tallowbox server's catalogue as the product's programs
 do (request body, transport, reply parser) and prints the parsed reply as JSON.
@@ -50,25 +55,25 @@ Exit status:
      the answer is not the operation's reply, or the operation sends nothing on a
      host of AppKit 1138 to 1342
 )";
+  return out.str();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string first = argc > 1 ? argv[1] : "";
-  if (argc == 2 && first == "--help") {
-    usage(std::cout);
-    return CatalogueCall::kAnswered;
-  }
-  if (argc == 2 && first == "--list") {
+  bool list = false;
+  CommandLine commandLine("tallowbox-call", usage());
+  commandLine.flag("--list", list);
+  commandLine.operands(2);
+  if (std::optional<int> status = commandLine.parse(argc, argv)) return *status;
+
+  const std::vector<std::string>& operands = commandLine.operands();
+  if (list) {
+    if (!operands.empty()) return commandLine.refuse("--list takes no operation");
     for (const std::string& name : CatalogueCall::names()) std::cout << name << "\n";
     return CatalogueCall::kAnswered;
   }
-  if (argc < 2 || argc > 3 || first.starts_with("-")) {
-    std::cerr << "tallowbox-call: " << (argc < 2 ? "no operation given" : "unexpected arguments")
-              << "\n";
-    usage(std::cerr);
-    return CatalogueCall::kBadInput;
-  }
-  return CatalogueCall::run(first, argc == 3 ? argv[2] : "{}", std::cout, std::cerr);
+  if (operands.empty()) return commandLine.refuse("no operation given");
+  return CatalogueCall::run(operands[0], operands.size() == 2 ? operands[1] : "{}", std::cout,
+                            std::cerr);
 }

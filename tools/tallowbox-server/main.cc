@@ -1,20 +1,44 @@
 // tallowbox-server: the reference server on loopback, for the demo and benchmarks.
-//   tallowbox-server [--host H] [--port N (0: any free port)] [--scenario file.json]
-//                    [--store DIR (where uploaded bytes are kept)]
-//                    [--state FILE (where the state is kept, written after every change)]
-// A state file that exists is the state to go on from, and the scenario is then
-// not read; otherwise the scenario (if any) is the state to begin with.
-// Prints its base URL, then serves until SIGTERM or SIGINT.
+// See --help.
 #include <pthread.h>
 
+#include <charconv>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 
+#include "Platform/CommandLine.h"
 #include "ReferenceServer.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    R"(Usage: tallowbox-server [--host H] [--port N] [--scenario FILE] [--store DIR]
+                        [--state FILE]
+       tallowbox-server --help | --version
+
+The Tallowbox reference server, for the demo, the tests and the benchmarks. It
+prints its base URL, then serves until SIGTERM or SIGINT.
+
+  --host H         the address to listen on (127.0.0.1)
+  --port N         the port to listen on (8642; 0: any free port)
+  --scenario FILE  the state to begin with, as JSON
+  --store DIR      where uploaded bytes are kept (without it, a folder of its own
+                   under $TMPDIR, removed when it ends)
+  --state FILE     where the state is kept, written after every change; when the file
+                   exists, it is the state to go on from and the scenario is not read
+  --help           print this and exit
+  --version        print the version and exit
+)";
+
+bool readPort(const std::string& text, int& port) {
+  const char* end = text.data() + text.size();
+  auto [stop, error] = std::from_chars(text.data(), end, port);
+  return error == std::errc() && stop == end && port >= 0 && port <= 65535;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   std::string host = "127.0.0.1";
@@ -22,13 +46,20 @@ int main(int argc, char** argv) {
   std::string scenario;
   std::string store;
   std::string stateFile;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    if (std::strcmp(argv[i], "--host") == 0) host = argv[i + 1];
-    if (std::strcmp(argv[i], "--port") == 0) port = std::atoi(argv[i + 1]);
-    if (std::strcmp(argv[i], "--scenario") == 0) scenario = argv[i + 1];
-    if (std::strcmp(argv[i], "--store") == 0) store = argv[i + 1];
-    if (std::strcmp(argv[i], "--state") == 0) stateFile = argv[i + 1];
-  }
+  const auto into = [](std::string& target) {
+    return [&target](const std::string& value) {
+      target = value;
+      return !value.empty();
+    };
+  };
+  CommandLine commandLine("tallowbox-server", kUsage);
+  commandLine.option("--host", into(host));
+  commandLine.option("--port", [&port](const std::string& value) { return readPort(value, port); });
+  commandLine.option("--scenario", into(scenario));
+  commandLine.option("--store", into(store));
+  commandLine.option("--state", into(stateFile));
+  if (std::optional<int> status = commandLine.parse(argc, argv)) return *status;
+
   // Signals are taken by sigwait below, not by the server's threads.
   sigset_t signals;
   sigemptyset(&signals);
