@@ -83,10 +83,15 @@ std::string ReceiveFileFromTransferHandler::productFolderPath() const {
 void ReceiveFileFromTransferHandler::recFileFromTransfer(
     const std::vector<RecFileFromTransfer>& files) {
   if (files.empty()) return;
+  // One pass goes through its entries at a time, in the whole process. A pass
+  // started while another is still at it (an acknowledgement's notification lets
+  // the cycle query again) waits, and then finds what the other acknowledged.
+  static std::mutex passing;
+  std::lock_guard onePass(passing);
   try {
     setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
     {
-      std::lock_guard changing(listMutex_);
+      std::lock_guard changing(SharedFilesList::changing());
       setSharedFilesDefaultsArray(SharedFilesList::load(UserDefaults::standardUserDefaults()));
     }
     // kept: set once per pass, not per entry; an entry that assigns nothing
@@ -94,7 +99,7 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
     std::string workingPath;
     for (const RecFileFromTransfer& file : files) {
       if (acknowledgedLately(file.sharedFileTransferId)) {
-        Log::printf("Skipped transfer %s: acknowledged a moment ago",
+        Log::printf("Skipped transfer %s: acknowledged a moment ago or being acknowledged",
                     Readings::formatted(file.sharedFileTransferId).c_str());
         notify();
         continue;
@@ -340,7 +345,7 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
   to = checkDuplicateAndCreate(to, product);
   const ConfinedFolder folder(product);
   ignoringErrors([&] { folder.move(from, folder, to); });
-  std::lock_guard changing(listMutex_);
+  std::lock_guard changing(SharedFilesList::changing());
   list = sharedFilesDefaultsArray();
   // kept: the entries renamed are those of the working path, not of the old name.
   for (const Value& entry : SharedFilesList::filter(list, "FileName == %@", {Value(workingPath)})) {
@@ -352,7 +357,7 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
 
 void ReceiveFileFromTransferHandler::receiveDelete(const RecFileFromTransfer& file,
                                                    const std::string& workingPath) {
-  std::lock_guard changing(listMutex_);
+  std::lock_guard changing(SharedFilesList::changing());
   Value::Array list = sharedFilesDefaultsArray();
   const char* format = Readings::isEqualToString(file.isFile, "True") ? "FileName == %@"
                                                                       : "FileName BEGINSWITH[c] %@";
@@ -370,15 +375,21 @@ void ReceiveFileFromTransferHandler::acknowledge(const WireValue& transfer) {
   UpdateFileReceivedQuery query;
   query.sharedFileTransferID = transfer;
   query.isFileExists = "true";
+  // Held while the acknowledgement is on its way, and after it as any other.
+  auto sending = std::make_shared<TransferClaims::Claim>();
+  if (transfer) {
+    static_cast<void>(sending->extend({TransferClaims::acknowledgementKey(transfer->dump())}));
+  }
   RestInterface::asyncUpdateFileReceived(
-      query, [self = shared_from_this(), transfer](
+      query, [self = shared_from_this(), sending](
                  const OperationResult<UpdateFileReceivedResponseData>& result, int status) {
         self->reportFailures([&] {
           if (ReceiveFileFromTransferHandler::statusIsZero(result, status)) {
-            acknowledged(transfer);
+            sending->releaseOnceEarlierRepliesAreHandled();
             self->notify();
           }
         });
+        sending->release();
       });
 }
 
@@ -431,7 +442,7 @@ std::string ReceiveFileFromTransferHandler::checkDuplicateAndCreate(
 
 void ReceiveFileFromTransferHandler::savePreFerences(const RecFileFromTransfer& file,
                                                      const std::string& path) {
-  std::lock_guard changing(listMutex_);
+  std::lock_guard changing(SharedFilesList::changing());
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   Value::Array list = SharedFilesList::load(defaults);
   setSharedFilesDefaultsArray(list);
@@ -455,7 +466,7 @@ void ReceiveFileFromTransferHandler::updateFileID(const std::string& path) {
   if (::lstat(path.c_str(), &attributes) != 0) {
     throw std::system_error(errno, std::generic_category(), "no file number for " + path);
   }
-  std::lock_guard changing(listMutex_);
+  std::lock_guard changing(SharedFilesList::changing());
   Value::Array list = sharedFilesDefaultsArray();
   Value::Array named = SharedFilesList::filter(list, "(FileName == %@)", {Value(path)});
   if (!named.empty()) {

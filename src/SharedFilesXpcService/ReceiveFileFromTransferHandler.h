@@ -126,14 +126,17 @@ class ReceiveFileFromTransferHandler
   void askCloud(const RecFileFromTransfer& file, std::shared_ptr<Download> download);
   void cloudAnswered(const RecFileFromTransfer& file, const std::shared_ptr<Download>& download,
                      const OperationResult<IsFileExistsInCloudResponseData>& result, int status);
-  // Sends UpdateFileReceived for `transfer`; ReturnStatus 0 notifies.
+  // Sends UpdateFileReceived for `transfer`; ReturnStatus 0 notifies. Until the
+  // answer comes, and after a good one as `acknowledged` says, its entry is
+  // skipped.
   void acknowledge(const WireValue& transfer);
   // The server has taken `transfer` as received. A reply already on its way may
   // list it still; its entry is skipped until every such reply is handled, as
   // its steps would otherwise run twice (a second delete finds no entry and
   // takes the path of the entry before it).
   static void acknowledged(const WireValue& transfer);
-  // Whether `transfer` was acknowledged so lately that a reply may list it still.
+  // Whether `transfer` is being acknowledged, or was so lately that a reply may
+  // list it still.
   static bool acknowledgedLately(const WireValue& transfer);
 
   void startAsyncDownloadWithStreamRequest(const std::string& url, const std::string& postData,
@@ -148,10 +151,6 @@ class ReceiveFileFromTransferHandler
   // throws is reported to the server, as the pass's guard would.
   void reportFailures(const std::function<void()>& work);
 
-  // Held while the handler's list is loaded or changed and stored, so that the
-  // passes and the downloads of this handler, which run at once, never store a
-  // list over a change another made meanwhile. Taken before mutex_.
-  std::mutex listMutex_;
   mutable std::mutex mutex_;  // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;
   Value::Dictionary iAppsPrefs_;

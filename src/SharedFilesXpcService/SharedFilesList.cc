@@ -18,6 +18,11 @@ Value::Array SharedFilesList::load(UserDefaults& defaults) {
   throw ValueError("SharedFileDataKey holds a " + std::string(stored->kindName()) + ", not a list");
 }
 
+std::mutex& SharedFilesList::changing() {
+  static auto* mutex = new std::mutex;  // never destroyed: a pass may end as the process exits
+  return *mutex;
+}
+
 void SharedFilesList::store(UserDefaults& defaults, const Value::Array& list) {
   defaults.setObject(Value(list), kListKey);
   defaults.synchronize();

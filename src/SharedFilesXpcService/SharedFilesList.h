@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,10 +18,15 @@
 //
 // Every writer follows one pattern: load the whole list into a working copy,
 // change the copy, store the whole list back. An entry is identified by its
-// value: an update changes the first entry equal to the one it was given. There
-// is no lock between writers; the last store wins.
+// value: an update changes the first entry equal to the one it was given. In this
+// process the writers take turns (`changing`), so none loses what another stored
+// between its load and its store; another process's store is read afresh.
 class SharedFilesList {
  public:
+  // Held from a writer's load to its store, by the service's passes and both
+  // handlers.
+  static std::mutex& changing();
+
   // The stored list; an absent list is empty. A value that is not an array is
   // logged and throws ValueError, leaving it as it is.
   static Value::Array load(UserDefaults& defaults);

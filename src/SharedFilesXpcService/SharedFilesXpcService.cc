@@ -188,6 +188,7 @@ std::shared_ptr<ReceiveFileFromTransferHandler> SharedFilesXpcService::receiveHa
 void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerComputers>& owners) {
   Log::line("Owner Computer Process");
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  std::lock_guard changing(SharedFilesList::changing());
   Value::Array list = SharedFilesList::load(defaults);
   const Value::Dictionary prefs = iAppsPrefs();
   // Made at the first owner computer, as the first lookup over the list is.
@@ -280,6 +281,7 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
   Log::line("process shared ");
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   setSharedFilesDefaultsArray({});
+  std::lock_guard changing(SharedFilesList::changing());
   Value::Array list = SharedFilesList::load(defaults);
   setSharedFilesDefaultsArray(list);
   if (list.empty()) return;

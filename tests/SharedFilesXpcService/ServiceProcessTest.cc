@@ -595,7 +595,15 @@ TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryF
     if (!before && queries() >= settled) before = figuresOf(service->pid());
   }
   ASSERT_TRUE(before.has_value());
-  const ProcessFigures after = figuresOf(service->pid());
+  // A query or transfer may hold a connection and a thread for a moment: what
+  // counts is that the figures come back down to where they were.
+  ProcessFigures after;
+  EXPECT_TRUE(waitUntil([&] {
+    after = figuresOf(service->pid());
+    return after.descriptors <= before->descriptors && after.threads <= before->threads;
+  })) << after.descriptors
+      << " descriptors (" << before->descriptors << " before), " << after.threads << " threads ("
+      << before->threads << " before)";
   EXPECT_TRUE(service->running());
 
   for (const auto& [round, file] : received) {
@@ -610,8 +618,6 @@ TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryF
   }
   EXPECT_NO_THROW(static_cast<void>(list())) << "the list is still readable";
   EXPECT_TRUE(nothingLeftInTemp());
-  EXPECT_LE(after.descriptors, before->descriptors);
-  EXPECT_LE(after.threads, before->threads);
   if (!kSanitized) {
     EXPECT_LE(after.residentKiB - before->residentKiB, 1024)
         << before->residentKiB << " KiB after " << settled << " cycles, " << after.residentKiB
