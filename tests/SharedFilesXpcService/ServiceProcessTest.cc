@@ -14,7 +14,9 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
+#include <thread>
 
 #include "Platform/UserDefaults.h"
 #include "ReferenceServer.h"
@@ -623,4 +625,99 @@ TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryF
         << before->residentKiB << " KiB after " << settled << " cycles, " << after.residentKiB
         << " KiB after " << queries();
   }
+}
+
+// Twenty rounds of a file to receive and a file to send, the downloads paced so
+// that a kill can find them halfway; in each round the service is SIGKILLed at
+// a random moment and started again, and the round ends when the server has
+// both. Every file ends whole: the received ones in
+// the shared folder (a file placed but not yet acknowledged when the service
+// died is listed again and kept beside itself as a numbered copy, as the
+// service's duplicate rule gives it), the sent ones on the server, and both
+// preference suites still read.
+TEST_F(ServiceProcessTest, TwentyKillsAtRandomMomentsOfSendsAndReceivesLoseAndMixNoFile) {
+  periodMs = "20";
+  annShares(
+      {{"computers",
+        {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "500"}, {"SharedStatus", "1"}}}}}}}},
+       {"faults", {{"downloadBytesPerSecond", 16000000}}}});
+  receive({{"OwnerFileID", "500"},
+           {"FullPath", "\\Docs"},
+           {"IsFile", "False"},
+           {"SharedFileTransferID", "RF"}});
+  const fs::path docs = shared() / "Docs";
+  ASSERT_TRUE(waitUntil([&] { return blocked(docs) == "0"; })) << logTail();
+  UserDefaults watcher("Quentara.SyncFilesXpcService");
+  Value::Array watched;
+  std::map<std::string, std::size_t> received;  // name -> size
+  std::map<std::string, fs::path> sent;         // transfer -> file
+  const unsigned seed = std::random_device()();
+  std::mt19937 random(seed);
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto pending = [&] {
+    const json computer = server.state().document()["computers"]["C1"];
+    return computer.value("RecFileFromTransfer", json::array()).size() +
+           computer.value("FileToTransfer", json::array()).size();
+  };
+
+  for (int round = 1; round <= 20; ++round) {
+    const std::string n = std::to_string(round);
+    const std::size_t size = 1500000 + static_cast<std::size_t>(round) * 100003;
+    server.state().merge({{"saved", {{"S" + n, {{"size", size}}}}}});
+    received["f" + n + ".bin"] = size;
+    const fs::path file = home() / "Work" / ("u" + n + ".bin");
+    writeFile(file, size + 7);
+    watched.emplace_back(Value::Dictionary{{"FileIDKey", Value("OU" + n)},
+                                           {"BaseSystemFilePathKey", Value(file.string())}});
+    watcher.setObject(Value(watched), "FileWatchedDataKey");
+    sent["T" + n] = file;
+    server.state().merge({{"computers",
+                           {{"C1",
+                             {{"FileToTransfer",
+                               {{{"ChangeType", "1"},
+                                 {"IsFile", "True"},
+                                 {"IsOwnerToSubscriber", "1"},
+                                 {"OwnerFileID", "OU" + n},
+                                 {"ToCloud", "0"},
+                                 {"FromComputerID", "C1"},
+                                 {"ToComputerID", "C2"},
+                                 {"SharedFileTransferID", "T" + n},
+                                 {"FullPathfromFileTable", "Work\\u" + n + ".bin"},
+                                 {"FullPath", "\\C1\\Work\\u" + n + ".bin"},
+                                 {"NewFullPath", ""},
+                                 {"TallowboxPath", "/home/ann"}}}}}}}}});
+    offer({{{"OwnerFileID", "OF" + n},
+            {"PrevFolderFileID", "500"},
+            {"FullPath", "\\f" + n + ".bin"},
+            {"SavedFileID", "S" + n},
+            {"SharedFileTransferID", "R" + n}}});
+    // A random moment of the round's work: before, during or after it.
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(std::uniform_int_distribution<int>(0, 250)(random)));
+    ::kill(service->pid(), SIGKILL);
+    ASSERT_EQ(service->wait(), 128 + SIGKILL);
+    startService();
+    sharedFile();
+    ASSERT_TRUE(waitUntil([&] { return pending() == 0; }, 60s)) << "round " << round << "\n"
+                                                                << logTail();
+  }
+  EXPECT_TRUE(service->running());
+
+  for (const auto& [name, size] : received) {
+    EXPECT_TRUE(holdsPattern(docs / name, size)) << name << " is not byte for byte";
+  }
+  for (const auto& item : fs::directory_iterator(docs)) {
+    // f7.bin, or its numbered copy "f7 1.bin": the bytes of f7.bin either way.
+    const std::string name = item.path().filename().string();
+    const std::string stem = name.substr(0, name.find_first_of(" ."));
+    ASSERT_TRUE(received.count(stem + ".bin")) << name << " was never sent";
+    EXPECT_TRUE(holdsPattern(item.path(), received[stem + ".bin"])) << name << " is not whole";
+  }
+  const json transfers = server.state().snapshot()["transfers"];
+  for (const auto& [transfer, file] : sent) {
+    ASSERT_TRUE(transfers.contains(transfer)) << transfer;
+    EXPECT_EQ(transfers[transfer].value("sha256", ""), sha256Of(file.string())) << transfer;
+  }
+  EXPECT_NO_THROW(static_cast<void>(list()));
+  EXPECT_NO_THROW(static_cast<void>(UserDefaults::persistentDomainForName("Quentara.Tallowbox")));
 }
