@@ -74,7 +74,13 @@ void ReceiveFileFromTransferHandler::saveUpdateReceiveFile(const RecFileFromTran
 
 void ReceiveFileFromTransferHandler::updateReceivedCall(const RecFileFromTransfer& file) {
   UpdateFileReceivedQuery query;
-  query.sharedFileTransferID = file.sharedFileTransferId;
+  // The id goes out as text, as a format of it gives it: a number as its digits,
+  // an absent id as "(null)"; a list or a dictionary as its JSON text.
+  try {
+    query.sharedFileTransferID = Readings::formatted(file.sharedFileTransferId);
+  } catch (const ValueError&) {
+    query.sharedFileTransferID = file.sharedFileTransferId->dump();
+  }
   query.isFileExists = "true";
   RestInterface::asyncUpdateFileReceived(
       query, [](const OperationResult<UpdateFileReceivedResponseData>& /*result*/, int /*status*/) {

@@ -1,5 +1,7 @@
 // The receive pass against the reference server on loopback, on real folders:
 // what it may write, and what it must refuse.
+#include <set>
+
 #include "SharedFilesXpcService/ReceiveHandlerFixture.h"
 
 namespace {
@@ -204,4 +206,19 @@ TEST_F(ReceiveFileFromTransferHandlerTest,
   ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kReceived).size() >= 2; }));
   EXPECT_TRUE(fs::is_directory(product() / "Ann (Shared)" / "Docs" / "Sub"));
   expectConfined();
+}
+
+TEST_F(ReceiveFileFromTransferHandlerTest, ReceivedCallSendsTheTransferIdAsTextWhateverItsKind) {
+  handler->updateReceivedCall(entry({{"SharedFileTransferID", 42}}));
+  handler->updateReceivedCall(entry({{"SharedFileTransferID", "R9"}}));
+  handler->updateReceivedCall(entry({{"SharedFileTransferID", {1, 2}}}));
+  handler->updateReceivedCall(entry(json::object()));
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kReceived).size() == 4; }));
+  std::multiset<json> ids;
+  for (const auto& request : server.requestsFor(kReceived)) {
+    const json body = json::parse(request.body);
+    ids.insert(body["SharedFileTransferID"]);
+    EXPECT_EQ(body["IsExists"], "true");
+  }
+  EXPECT_EQ(ids, (std::multiset<json>{"42", "R9", "[1,2]", "(null)"}));
 }
