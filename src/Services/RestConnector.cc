@@ -120,6 +120,8 @@ std::optional<URLRequest> RestConnector::encodedRequest(
     const std::function<void(const PlatformError&)>& encodingFailed) {
   auto encoded = JsonBody::encode(params);
   if (const auto* error = std::get_if<PlatformError>(&encoded)) {
+    // kept: the body is logged before the failure is seen, as the text of no data.
+    Log::line(logAsJsonString ? "Json String (null)" : "(null)");
     encodingFailed(*error);
     return std::nullopt;
   }
@@ -298,6 +300,7 @@ void RestConnector::startAsyncUpload(const std::string& path, const Params& para
   configSessionForDownload();
   auto encoded = JsonBody::encode(params);
   if (const auto* error = std::get_if<PlatformError>(&encoded)) {
+    Log::line("Json String (null)");  // kept: as in the JSON exchange
     finished(*error, ConnectorStatusRequestEncodingFailed);
     return;
   }

@@ -26,6 +26,7 @@ void RestConnector_Old::startAsyncTask(const std::string& path, const Params& pa
     progressHandler_ = std::move(progress);
   }
   if (const auto* error = std::get_if<PlatformError>(&encoded)) {
+    Log::line("Json String (null)");  // kept: logged before the failure is seen
     finished(*error, ConnectorStatusRequestEncodingFailed);
     return;
   }

@@ -124,6 +124,7 @@ TEST_F(RestConnectorTest, UnencodableBodyGivesStatus4AtOnceWithNoRequest) {
   RestConnector::Params params;
   params["FileName"] = std::string("caf\xC3", 4);  // cut in the middle of a character
   auto connector = RestConnector::create();
+  LogCapture log;
   int status = -100;
   std::thread::id thread;
   connector->startAsyncTask(
@@ -135,6 +136,14 @@ TEST_F(RestConnectorTest, UnencodableBodyGivesStatus4AtOnceWithNoRequest) {
   EXPECT_EQ(status, 4);
   EXPECT_EQ(thread, std::this_thread::get_id());
   EXPECT_FALSE(connector->sessionTask());
+  EXPECT_TRUE(log.contains("Json String (null)")) << "the body is logged as no text";
+
+  // The raw-answer exchange logs the body without its label.
+  connector->startAsyncDownloadWithStreamRequest(
+      "MAC/SharedFiles.svc/X", params, nullptr,
+      [&](const std::optional<URLResponse>&, const ConnectorResult&, int s) { status = s; });
+  EXPECT_EQ(status, 4);
+  EXPECT_TRUE(log.contains("(null)"));
   EXPECT_TRUE(server.requests().empty());
 }
 

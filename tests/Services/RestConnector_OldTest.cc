@@ -81,9 +81,11 @@ TEST_F(RestConnector_OldTest, SameStatusesAsTheSessionConnectorOnItsPrivateQueue
 TEST_F(RestConnector_OldTest, NotReachableAndUnencodableReportAtOnceWithoutAQueue) {
   auto connector = RestConnector_Old::create();
   int status = -100;
+  LogCapture log;
   connector->startAsyncTask("X", {{"Name", std::string("\xFF", 1)}}, nullptr,
                             [&](const ConnectorResult&, int s) { status = s; });
   EXPECT_EQ(status, 4);
+  EXPECT_TRUE(log.contains("Json String (null)"));
   network = FixedReachability::install(0);
   connector->startAsyncTask("X", RestConnector_Old::Params::object(), nullptr,
                             [&](const ConnectorResult&, int s) { status = s; });
