@@ -74,6 +74,12 @@ void RestInterface::startUpload(const Body& body,
   RestConnector::create()->startAsyncUploadWithStreamRequest(
       "Downloads.svc/UpdateFileRequestWithStream", body, nullptr,
       [completion = std::move(completion)](const ConnectorResult& result, int status) {
+        if (status == ConnectorStatusSuccess && std::holds_alternative<std::monostate>(result)) {
+          // kept: an answer that does not parse reaches the parser as nothing, and
+          // every field of the record reads as absent, with status 0.
+          completion({UpdateFileRequestResponseData{}, std::monostate()}, ConnectorStatusSuccess);
+          return;
+        }
         auto [outcome, code] = interpret<UpdateFileRequestResponseData>(
             result, status, &DataParser::parseUpdateFileRequestResponseData);
         completion(outcome, code);

@@ -482,3 +482,26 @@ TEST_F(RestInterfaceTest, OlderHostsUseTheLegacyConnectorAndSkipTheStreamOperati
 }
 
 }  // namespace
+
+TEST_F(RestInterfaceTest, FileUploadWhoseAnswerIsNotJsonGivesAnEmptyRecordWithStatusZero) {
+  // The exchange copies the file into the home folder first; it comes from a
+  // folder below it.
+  std::filesystem::create_directories(home.file("Docs"));
+  const std::string file = home.file("Docs/report.txt");
+  std::ofstream(file) << "report";
+  AnyQuery query = makeQuery<AnyQuery>();
+  query.filePath = file.substr(1);  // the server's form of the path: no leading separator
+  server.script("Downloads.svc/UpdateFileRequestWithStream",
+                ReferenceServer::raw("<html>Bad Gateway</html>", "text/html"));
+  std::promise<std::pair<OperationResult<UpdateFileRequestResponseData>, int>> answered;
+  RestInterface::asyncUpdateFileRequestWithStream(
+      query, [&](const OperationResult<UpdateFileRequestResponseData>& result, int status) {
+        answered.set_value({result, status});
+      });
+  auto [result, status] = answered.get_future().get();
+  EXPECT_EQ(status, 0) << "an answer that does not parse is not told apart";
+  ASSERT_TRUE(result.record.has_value());
+  EXPECT_FALSE(result.record->ReturnStatus.has_value());
+  EXPECT_FALSE(result.record->error.has_value());
+  EXPECT_EQ(server.requestsFor("Downloads.svc/UpdateFileRequestWithStream").size(), 1U);
+}
