@@ -168,7 +168,14 @@ std::string SendFileToTransferHandler::localFileOf(const FileToTransfer& file) {
 void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTransfer>& files) {
   if (files.empty()) return;
   try {
-    PackedValue list(SharedFilesList::load(UserDefaults::standardUserDefaults()));
+    // The pass keeps a copy of the list and never reads it: a value that is not a
+    // list (logged by the load) holds up no upload.
+    Value::Array copy;
+    try {
+      copy = SharedFilesList::load(UserDefaults::standardUserDefaults());
+    } catch (const ValueError&) {  // NOLINT(bugprone-empty-catch): the copy stays empty
+    }
+    PackedValue list(copy);
     {
       std::lock_guard lock(mutex_);
       sharedFilesDefaultsArray_ = std::move(list);

@@ -372,3 +372,23 @@ TEST_F(SendFileToTransferHandlerTest, TransferBeingSentIsNotSentAgainByAnotherPe
   EXPECT_EQ(server.requestsFor(kToComputer).size(), 2U);
   EXPECT_EQ(stored("transfers", "T1")["sha256"], sha256Of(path));
 }
+
+TEST_F(SendFileToTransferHandlerTest, SharedFilesListThatIsNotAListHoldsUpNoUploadOfAWatchedFile) {
+  // A file this computer owns, found through the watcher's list.
+  const std::string path = sharedFile("F3", 5000);
+  UserDefaults("Quentara.SyncFilesXpcService")
+      .setObject(Value(Value::Array{Value::Dictionary{{"FileIDKey", "F3"},
+                                                      {"BaseSystemFilePathKey", Value(path)}}}),
+                 "FileWatchedDataKey");
+  UserDefaults::standardUserDefaults().setObject("not a list", "SharedFileDataKey");
+  json owned = aFile("T3", "F3", "0");
+  owned["IsOwnerToSubscriber"] = "1";
+  handler->FileToTransferMethod({record(owned)});
+  ASSERT_TRUE(waitUntil([&] {
+    const json transfer = stored("transfers", "T3");
+    return transfer.is_object() && transfer.value("length", 0) == 5000;
+  })) << "uploaded whole";
+  EXPECT_EQ(*UserDefaults::standardUserDefaults().objectForKey("SharedFileDataKey"),
+            Value("not a list"))
+      << "left as it is";
+}
