@@ -144,6 +144,25 @@ std::optional<nlohmann::json> Readings::requestValue(const Value* value) {
   if (const Value::Number* number = value->number()) {
     return std::visit([](auto n) { return nlohmann::json(n); }, *number);
   }
+  // A list or a dictionary goes out as it stands, when all it holds can.
+  if (const Value::Array* array = value->array()) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const Value& element : *array) {
+      std::optional<nlohmann::json> item = requestValue(&element);
+      if (!item) return std::nullopt;
+      list.push_back(std::move(*item));
+    }
+    return list;
+  }
+  if (const Value::Dictionary* dictionary = value->dictionary()) {
+    nlohmann::json object = nlohmann::json::object();
+    for (const auto& [key, element] : *dictionary) {
+      std::optional<nlohmann::json> item = requestValue(&element);
+      if (!item) return std::nullopt;
+      object[key] = std::move(*item);
+    }
+    return object;
+  }
   return std::nullopt;
 }
 

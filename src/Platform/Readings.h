@@ -48,8 +48,9 @@ class Readings {
   // end the header early.
   static std::optional<std::string> headerText(const std::optional<nlohmann::json>& value);
 
-  // A preference value as it goes into a server request: a string or number as it
-  // is; absent for nothing and for kinds a request does not carry.
+  // A preference value as it goes into a server request: a string, number, list or
+  // dictionary as it is; absent for nothing and for kinds a request does not carry
+  // (data, a date), also inside a list or dictionary.
   static std::optional<nlohmann::json> requestValue(const Value* value);
   // A server value as the platform's object it decodes to: a string, a number,
   // the null object, an array or a dictionary; absent stays absent. As a

@@ -41,6 +41,22 @@ TEST(ReadingsTest, PreferenceValuesReadByKind) {
   EXPECT_THROW(Readings::integerValue(&data), ValueError);
 }
 
+TEST(ReadingsTest, PreferenceIdentifiersGoIntoRequestsAsTheyStandListsAndDictionariesToo) {
+  Value text("C1");
+  EXPECT_EQ(Readings::requestValue(&text), json("C1"));
+  Value number = Value::integer(42);
+  EXPECT_EQ(Readings::requestValue(&number), json(42));
+  Value list(Value::Array{Value("C1"), Value::integer(2)});
+  EXPECT_EQ(Readings::requestValue(&list), json::parse(R"(["C1", 2])"));
+  Value dictionary(Value::Dictionary{{"id", Value("C1")}, {"more", Value(Value::Array{})}});
+  EXPECT_EQ(Readings::requestValue(&dictionary), json::parse(R"({"id": "C1", "more": []})"));
+  Value data(Value::Data{'1'});
+  EXPECT_EQ(Readings::requestValue(&data), std::nullopt);
+  Value holdingData(Value::Array{Value("C1"), Value(Value::Data{'1'})});
+  EXPECT_EQ(Readings::requestValue(&holdingData), std::nullopt);
+  EXPECT_EQ(Readings::requestValue(nullptr), std::nullopt);
+}
+
 TEST(ReadingsTest, ServerValuesReadByKind) {
   EXPECT_EQ(Readings::integerValue(std::optional<json>()), 0);
   EXPECT_EQ(Readings::integerValue(std::optional<json>(json("12abc"))), 12);
