@@ -235,3 +235,31 @@ std::string Readings::formatted(const std::optional<nlohmann::json>& value) {
   if (value->is_number() || value->is_boolean()) return value->dump();
   throw ValueError(std::string("a JSON ") + value->type_name() + " has no text to show");
 }
+
+bool Readings::isUTF8(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    std::size_t length = 1;
+    char32_t point = lead;
+    char32_t smallest = 0;
+    if (lead >= 0xF0 && lead <= 0xF4) {
+      length = 4, point = lead & 0x07U, smallest = 0x10000;
+    } else if (lead >= 0xE0) {
+      length = 3, point = lead & 0x0FU, smallest = 0x800;
+    } else if (lead >= 0xC2 && lead <= 0xDF) {
+      length = 2, point = lead & 0x1FU, smallest = 0x80;
+    } else if (lead >= 0x80) {
+      return false;
+    }
+    if (lead >= 0xF5 || text.size() - i < length) return false;
+    for (std::size_t k = 1; k < length; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0U) != 0x80U) return false;
+      point = (point << 6U) | (next & 0x3FU);
+    }
+    if (point < smallest || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return false;
+    i += length;
+  }
+  return true;
+}

@@ -48,6 +48,10 @@ class Readings {
   // end the header early.
   static std::optional<std::string> headerText(const std::optional<nlohmann::json>& value);
 
+  // Whether `text` is well-formed UTF-8: no stray or missing continuation bytes, no
+  // overlong forms, no surrogates, nothing past U+10FFFF.
+  static bool isUTF8(std::string_view text);
+
   // A preference value as it goes into a server request: a string, number, list or
   // dictionary as it is; absent for nothing and for kinds a request does not carry
   // (data, a date), also inside a list or dictionary.

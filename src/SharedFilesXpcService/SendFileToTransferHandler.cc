@@ -354,7 +354,9 @@ void SendFileToTransferHandler::answerArrived(const std::string& data) const {
   auto decoded = JsonBody::decode(data);
   const auto* answer = std::get_if<nlohmann::json>(&decoded);
   if (answer == nullptr) {
-    Log::line("responseData = " + data.substr(0, Log::kMaximumLineLength));
+    // kept: the answer is shown as UTF-8 text, which bytes that are not give as none.
+    Log::line("responseData = " +
+              (Readings::isUTF8(data) ? data.substr(0, Log::kMaximumLineLength) : "(null)"));
     return;
   }
   Log::line("response = " + JsonBody::describe(*answer));

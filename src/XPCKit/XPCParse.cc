@@ -4,40 +4,11 @@
 #include <limits>
 #include <string_view>
 
+#include "Platform/Readings.h"
 #include "Platform/ValueError.h"
 #include "XPCKit/XPCUUID.h"
 
 namespace {
-
-// Whether `text` is well-formed UTF-8: no stray or missing continuation bytes, no
-// overlong forms, no surrogates, nothing past U+10FFFF.
-bool isUTF8(std::string_view text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    std::size_t length = 1;
-    char32_t point = lead;
-    char32_t smallest = 0;
-    if (lead >= 0xF0 && lead <= 0xF4) {
-      length = 4, point = lead & 0x07U, smallest = 0x10000;
-    } else if (lead >= 0xE0) {
-      length = 3, point = lead & 0x0FU, smallest = 0x800;
-    } else if (lead >= 0xC2 && lead <= 0xDF) {
-      length = 2, point = lead & 0x1FU, smallest = 0x80;
-    } else if (lead >= 0x80) {
-      return false;
-    }
-    if (lead >= 0xF5 || text.size() - i < length) return false;
-    for (std::size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0U) != 0x80U) return false;
-      point = (point << 6U) | (next & 0x3FU);
-    }
-    if (point < smallest || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return false;
-    i += length;
-  }
-  return true;
-}
 
 // Seconds × 1e9 truncated. What lies outside the 64-bit range (or is not a
 // number) becomes the integer the processor's truncating conversion gives for
@@ -87,7 +58,7 @@ std::optional<Value> XPCParse::dictionaryWithContentsOfXPCObject(const XPCObject
   if (entries == nullptr) return std::nullopt;
   Value::Dictionary dictionary;
   for (const auto& [key, element] : *entries) {
-    if (!isUTF8(key)) continue;
+    if (!Readings::isUTF8(key)) continue;
     std::optional<Value> converted = objectWithXPCObject(element);
     if (converted) dictionary.insert_or_assign(key, std::move(*converted));
   }
@@ -129,7 +100,7 @@ std::optional<Value> XPCParse::dataWithXPCObject(const XPCObject& object) {
 
 std::optional<Value> XPCParse::stringWithXPCObject(const XPCObject& object) {
   const std::string* text = object.stringValue();
-  if (text == nullptr || !isUTF8(*text)) return std::nullopt;
+  if (text == nullptr || !Readings::isUTF8(*text)) return std::nullopt;
   return Value(*text);
 }
 

@@ -347,6 +347,17 @@ TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheP
   ASSERT_TRUE(notifiedAtLeast(before + 1));
   EXPECT_TRUE(log.waitFor("responseData = <html>busy</html>"));
   EXPECT_EQ(path, handler->strFileNameToSend());
+
+  // Bytes that are not UTF-8 show as no text at all.
+  server.clearScripts();
+  server.script(kToComputer, ReferenceServer::raw(std::string("\xFF\xFE"
+                                                              "busy",
+                                                              6),
+                                                  "text/plain"));
+  before = delegate->notified;
+  handler->FileToTransferMethod({record(aFile("T14", "F12", "0"))});
+  ASSERT_TRUE(notifiedAtLeast(before + 1));
+  EXPECT_TRUE(log.waitFor("responseData = (null)"));
 }
 
 TEST_F(SendFileToTransferHandlerTest, TransferBeingSentIsNotSentAgainByAnotherPeerUntilItEnds) {
