@@ -109,6 +109,41 @@ class ServiceProcessTest : public ::testing::Test {
     sharedFile();
     ASSERT_TRUE(waitUntil([&] { return blocked(shared()) == "0"; })) << logTail();
   }
+  // Ann shares her folder "Docs" (file number 500), and this computer has made it
+  // and unblocked it: files go into it as they do in use. (The owner pass blocks
+  // whatever lies directly in her "(Shared)" folder unless the server lists it as
+  // a shared folder.) Returns the folder.
+  fs::path annSharesDocs(const json& more = json::object()) {
+    json patch = {
+        {"computers",
+         {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "500"}, {"SharedStatus", "1"}}}}}}}}};
+    patch.merge_patch(more);
+    annShares(patch);
+    receive({{"OwnerFileID", "500"},
+             {"FullPath", "\\Docs"},
+             {"IsFile", "False"},
+             {"SharedFileTransferID", "RF"}});
+    fs::path docs = shared() / "Docs";
+    EXPECT_TRUE(waitUntil([&] { return blocked(docs) == "0"; })) << logTail();
+    return docs;
+  }
+  // The server's record of an upload of this computer's file "Work/u<n>.bin",
+  // known to the watcher as "OU<n>", as transfer "T<n>".
+  static json ownUpload(const std::string& n) {
+    return {{"ChangeType", "1"},
+            {"IsFile", "True"},
+            {"IsOwnerToSubscriber", "1"},
+            {"OwnerFileID", "OU" + n},
+            {"ToCloud", "0"},
+            {"FromComputerID", "C1"},
+            {"ToComputerID", "C2"},
+            {"SharedFileTransferID", "T" + n},
+            {"FullPathfromFileTable", "Work\\u" + n + ".bin"},
+            {"FullPath", "\\C1\\Work\\u" + n + ".bin"},
+            {"NewFullPath", ""},
+            {"TallowboxPath", "/home/ann"}};
+  }
+
   // Lists `entries`, in one reply, for this computer to receive, each with the
   // fields every entry from Ann's laptop shares.
   void offer(const std::vector<json>& entries) {
@@ -490,18 +525,7 @@ TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryF
   const std::size_t cycles = soakCycles();
   const std::size_t settled = std::min<std::size_t>(1000, cycles / 2);
   periodMs = "2";
-  // The files go into a folder Ann shares, as they do in use: the owner pass
-  // blocks whatever lies directly in her "(Shared)" folder unless the server
-  // lists it as a shared folder.
-  annShares(
-      {{"computers",
-        {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "500"}, {"SharedStatus", "1"}}}}}}}}});
-  receive({{"OwnerFileID", "500"},
-           {"FullPath", "\\Docs"},
-           {"IsFile", "False"},
-           {"SharedFileTransferID", "RF"}});
-  const fs::path docs = shared() / "Docs";
-  ASSERT_TRUE(waitUntil([&] { return blocked(docs) == "0"; })) << logTail();
+  const fs::path docs = annSharesDocs();
   UserDefaults watcher("Quentara.SyncFilesXpcService");
   Value::Array watched;
   // By round: the file's name in the shared folder, and its size.
@@ -553,18 +577,7 @@ TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryF
                                              {"BaseSystemFilePathKey", Value(file.string())}});
       if (watched.size() > 3) watched.erase(watched.begin());
       watcher.setObject(Value(watched), "FileWatchedDataKey");
-      files.push_back({{"ChangeType", "1"},
-                       {"IsFile", "True"},
-                       {"IsOwnerToSubscriber", "1"},
-                       {"OwnerFileID", "OU" + n},
-                       {"ToCloud", "0"},
-                       {"FromComputerID", "C1"},
-                       {"ToComputerID", "C2"},
-                       {"SharedFileTransferID", "T" + n},
-                       {"FullPathfromFileTable", "Work\\u" + n + ".bin"},
-                       {"FullPath", "\\C1\\Work\\u" + n + ".bin"},
-                       {"NewFullPath", ""},
-                       {"TallowboxPath", "/home/ann"}});
+      files.push_back(ownUpload(n));
       sent["T" + n] = file;
     }
     if (round % 5 == 0) {
@@ -641,16 +654,7 @@ TEST_F(ServiceProcessTest, LongRunOfMixedWorkAndFailuresKeepsMemoryFlatAndEveryF
 // preference suites still read.
 TEST_F(ServiceProcessTest, TwentyKillsAtRandomMomentsOfSendsAndReceivesLoseAndMixNoFile) {
   periodMs = "20";
-  annShares(
-      {{"computers",
-        {{"C1", {{"SharedfoldersWithStatus", {{{"FileID", "500"}, {"SharedStatus", "1"}}}}}}}},
-       {"faults", {{"downloadBytesPerSecond", 16000000}}}});
-  receive({{"OwnerFileID", "500"},
-           {"FullPath", "\\Docs"},
-           {"IsFile", "False"},
-           {"SharedFileTransferID", "RF"}});
-  const fs::path docs = shared() / "Docs";
-  ASSERT_TRUE(waitUntil([&] { return blocked(docs) == "0"; })) << logTail();
+  const fs::path docs = annSharesDocs({{"faults", {{"downloadBytesPerSecond", 16000000}}}});
   UserDefaults watcher("Quentara.SyncFilesXpcService");
   Value::Array watched;
   std::map<std::string, std::size_t> received;  // name -> size
@@ -677,21 +681,7 @@ TEST_F(ServiceProcessTest, TwentyKillsAtRandomMomentsOfSendsAndReceivesLoseAndMi
                                            {"BaseSystemFilePathKey", Value(file.string())}});
     watcher.setObject(Value(watched), "FileWatchedDataKey");
     sent["T" + n] = file;
-    server.state().merge({{"computers",
-                           {{"C1",
-                             {{"FileToTransfer",
-                               {{{"ChangeType", "1"},
-                                 {"IsFile", "True"},
-                                 {"IsOwnerToSubscriber", "1"},
-                                 {"OwnerFileID", "OU" + n},
-                                 {"ToCloud", "0"},
-                                 {"FromComputerID", "C1"},
-                                 {"ToComputerID", "C2"},
-                                 {"SharedFileTransferID", "T" + n},
-                                 {"FullPathfromFileTable", "Work\\u" + n + ".bin"},
-                                 {"FullPath", "\\C1\\Work\\u" + n + ".bin"},
-                                 {"NewFullPath", ""},
-                                 {"TallowboxPath", "/home/ann"}}}}}}}}});
+    server.state().merge({{"computers", {{"C1", {{"FileToTransfer", {ownUpload(n)}}}}}}});
     offer({{{"OwnerFileID", "OF" + n},
             {"PrevFolderFileID", "500"},
             {"FullPath", "\\f" + n + ".bin"},
