@@ -143,10 +143,42 @@ class Writer {
   std::unordered_map<std::string_view, std::size_t> keys_;
 };
 
-class Reader {
+// Reads the bytes in order: tags, counts, texts and raw numbers.
+class Cursor {
+ public:
+  explicit Cursor(const std::string& bytes) : bytes_(bytes) {}
+
+  const char* take(std::size_t n) {
+    if (n > bytes_.size() - at_) throw std::logic_error("a packed value ends early");
+    const char* taken = bytes_.data() + at_;
+    at_ += n;
+    return taken;
+  }
+  char next() { return *take(1); }
+  std::size_t count() {
+    std::size_t n = 0;
+    for (unsigned shift = 0;; shift += 7) {
+      const auto byte = static_cast<unsigned char>(next());
+      n |= static_cast<std::size_t>(byte & 0x7FU) << shift;
+      if ((byte & 0x80U) == 0) return n;
+    }
+  }
+  template <class Number>
+  Number raw() {
+    Number number{};
+    std::memcpy(&number, take(sizeof number), sizeof number);
+    return number;
+  }
+
+ private:
+  const std::string& bytes_;
+  std::size_t at_ = 0;
+};
+
+class Reader : Cursor {
  public:
   Reader(const std::string& bytes, const std::vector<Value::Handle>& handles)
-      : bytes_(bytes), handles_(handles) {}
+      : Cursor(bytes), handles_(handles) {}
 
   Value value() {
     switch (static_cast<Tag>(next())) {
@@ -197,21 +229,6 @@ class Reader {
   }
 
  private:
-  const char* take(std::size_t n) {
-    if (n > bytes_.size() - at_) throw std::logic_error("a packed value ends early");
-    const char* taken = bytes_.data() + at_;
-    at_ += n;
-    return taken;
-  }
-  char next() { return *take(1); }
-  std::size_t count() {
-    std::size_t n = 0;
-    for (unsigned shift = 0;; shift += 7) {
-      const auto byte = static_cast<unsigned char>(next());
-      n |= static_cast<std::size_t>(byte & 0x7FU) << shift;
-      if ((byte & 0x80U) == 0) return n;
-    }
-  }
   std::string text() {
     const std::size_t n = count();
     return {take(n), n};
@@ -222,19 +239,87 @@ class Reader {
     const char* at = take(n / 2);
     return keys_.emplace_back(at, n / 2);
   }
-  template <class Number>
-  Number raw() {
-    Number number{};
-    std::memcpy(&number, take(sizeof number), sizeof number);
-    return number;
-  }
-
-  const std::string& bytes_;
   const std::vector<Value::Handle>& handles_;
-  std::size_t at_ = 0;
   std::vector<std::string> keys_;  // by first appearance
 };
 
+// Walks the bytes for a Visitor, as Reader does for a tree.
+class Walker : Cursor {
+ public:
+  Walker(const std::string& bytes, PackedValue::Visitor& visitor)
+      : Cursor(bytes), visitor_(visitor) {}
+
+  void value() {
+    switch (static_cast<Tag>(next())) {
+      case kString: {
+        const std::size_t n = count();
+        visitor_.string({take(n), n});
+        return;
+      }
+      case kFalse:
+        visitor_.number(false);
+        return;
+      case kTrue:
+        visitor_.number(true);
+        return;
+      case kSigned:
+        visitor_.number(raw<std::int64_t>());
+        return;
+      case kUnsigned:
+        visitor_.number(raw<std::uint64_t>());
+        return;
+      case kReal:
+        visitor_.number(raw<double>());
+        return;
+      case kData: {
+        const std::size_t n = count();
+        visitor_.data({reinterpret_cast<const std::uint8_t*>(take(n)), n});
+        return;
+      }
+      case kDate:
+        visitor_.date(Value::Date{raw<double>()});
+        return;
+      case kArray: {
+        const std::size_t n = count();
+        visitor_.beginArray(n);
+        for (std::size_t i = 0; i < n; ++i) value();
+        visitor_.endArray();
+        return;
+      }
+      case kDictionary: {
+        const std::size_t n = count();
+        visitor_.beginDictionary(n);
+        for (std::size_t i = 0; i < n; ++i) {
+          visitor_.key(key());
+          value();
+        }
+        visitor_.endDictionary();
+        return;
+      }
+      case kHandle:
+        count();
+        visitor_.other(Value::Kind::kFileHandle);
+        return;
+      case kUuid:
+        take(sizeof(Value::Uuid));
+        visitor_.other(Value::Kind::kUuid);
+        return;
+      case kNull:
+        visitor_.other(Value::Kind::kNull);
+        return;
+    }
+    throw std::logic_error("a packed value holds an unknown tag");
+  }
+
+ private:
+  std::string_view key() {
+    const std::size_t n = count();
+    if ((n & 1U) != 0) return keys_.at(n / 2);
+    return keys_.emplace_back(take(n / 2), n / 2);
+  }
+  PackedValue::Visitor& visitor_;
+  std::vector<std::string_view> keys_;  // by first appearance, in the bytes
+};
 }  // namespace
 
 namespace {
@@ -266,6 +351,51 @@ Value PackedValue::unpacked() const {
 Value::Array PackedValue::unpackedArray() const {
   Value value = unpacked();
   return value.array() != nullptr ? std::move(*value.mutableArray()) : Value::Array();
+}
+
+Value::Kind PackedValue::kind() const {
+  if (!packed_ || packed_->bytes.empty()) return Value::Kind::kString;
+  switch (static_cast<Tag>(packed_->bytes.front())) {
+    case kString:
+      return Value::Kind::kString;
+    case kFalse:
+    case kTrue:
+    case kSigned:
+    case kUnsigned:
+    case kReal:
+      return Value::Kind::kNumber;
+    case kData:
+      return Value::Kind::kData;
+    case kDate:
+      return Value::Kind::kDate;
+    case kArray:
+      return Value::Kind::kArray;
+    case kDictionary:
+      return Value::Kind::kDictionary;
+    case kHandle:
+      return Value::Kind::kFileHandle;
+    case kUuid:
+      return Value::Kind::kUuid;
+    case kNull:
+      return Value::Kind::kNull;
+  }
+  throw std::logic_error("a packed value holds an unknown tag");
+}
+
+std::size_t PackedValue::count() const {
+  const Value::Kind held = kind();
+  if (held != Value::Kind::kArray && held != Value::Kind::kDictionary) return 0;
+  Cursor cursor(packed_->bytes);
+  cursor.next();
+  return cursor.count();
+}
+
+void PackedValue::visit(Visitor& visitor) const {
+  if (!packed_) {
+    visitor.string("");
+    return;
+  }
+  Walker(packed_->bytes, visitor).value();
 }
 
 std::size_t PackedValue::size() const { return packed_ ? packed_->bytes.size() : 0; }

@@ -1,7 +1,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
+#include <span>
+#include <string>
+#include <string_view>
 
 #include "Platform/Value.h"
 
@@ -14,6 +20,28 @@
 // the bytes, and nothing changes them once packed.
 class PackedValue {
  public:
+  // A dictionary whose values are kept packed, as a preference suite is held.
+  using Dictionary = std::map<std::string, PackedValue, std::less<>>;
+
+  // What a walk over a packed value meets, in order. An array or a dictionary is
+  // announced with its count and closed after its last element; a dictionary
+  // gives each key before its value. Texts and bytes are valid during the call.
+  class Visitor {
+   public:
+    virtual ~Visitor() = default;
+    virtual void string(std::string_view text) = 0;
+    virtual void number(const Value::Number& number) = 0;
+    virtual void data(std::span<const std::uint8_t> bytes) = 0;
+    virtual void date(Value::Date date) = 0;
+    virtual void beginArray(std::size_t count) = 0;
+    virtual void endArray() = 0;
+    virtual void beginDictionary(std::size_t count) = 0;
+    virtual void key(std::string_view name) = 0;
+    virtual void endDictionary() = 0;
+    // A file handle, a UUID or null.
+    virtual void other(Value::Kind kind) = 0;
+  };
+
   // Holds nothing: unpacks to an empty string, as Value() is.
   PackedValue() = default;
   explicit PackedValue(const Value& value);
@@ -24,6 +52,12 @@ class PackedValue {
   Value unpacked() const;
   // The array packed, as a new tree; empty when what is packed is no array.
   Value::Array unpackedArray() const;
+  // The kind of the value packed, and the elements of an array or a dictionary
+  // (0 for other kinds), read without unpacking it.
+  Value::Kind kind() const;
+  std::size_t count() const;
+  // Walks the value packed without unpacking it (nothing packed walks as "").
+  void visit(Visitor& visitor) const;
   // The bytes the packed value takes (file handles aside, which are shared).
   std::size_t size() const;
 

@@ -3,12 +3,18 @@
 #include <plist/plist.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <ctime>
 #include <limits>
 #include <memory>
+#include <span>
+#include <string_view>
 #include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/ValueError.h"
 
 namespace {
@@ -118,53 +124,150 @@ std::optional<Value> fromNode(plist_t node, int depth) {
   }
 }
 
-PlistPtr toNode(const Value& value) {
-  switch (value.kind()) {
-    case Value::Kind::kString:
-      return PlistPtr(plist_new_string(value.string()->c_str()));
-    case Value::Kind::kNumber: {
-      const Value::Number& n = *value.number();
-      if (const bool* b = std::get_if<bool>(&n)) return PlistPtr(plist_new_bool(*b ? 1 : 0));
-      if (const int64_t* i = std::get_if<int64_t>(&n)) {
-        return PlistPtr(plist_new_uint(static_cast<uint64_t>(*i)));
-      }
-      if (const uint64_t* u = std::get_if<uint64_t>(&n)) return PlistPtr(plist_new_uint(*u));
-      return PlistPtr(plist_new_real(std::get<double>(n)));
+// Writes the XML form of a packed value straight into one string, laid out as
+// libplist lays it out (a tab per level). A suite holding a shared-files list of
+// thousands of entries is written several times a pass; going through
+// libplist's nodes cost most of the time of each store.
+class XmlWriter : public PackedValue::Visitor {
+ public:
+  XmlWriter(std::string& out, int depth) : out_(out), depth_(depth) {}
+
+  void string(std::string_view text) override { line("<string>", text, "</string>"); }
+
+  void number(const Value::Number& number) override {
+    if (const bool* b = std::get_if<bool>(&number)) {
+      raw(*b ? "<true/>" : "<false/>");
+    } else if (const auto* i = std::get_if<std::int64_t>(&number)) {
+      line("<integer>", std::to_string(*i), "</integer>");
+    } else if (const auto* u = std::get_if<std::uint64_t>(&number)) {
+      line("<integer>", std::to_string(*u), "</integer>");
+    } else {
+      line("<real>", real(std::get<double>(number)), "</real>");
     }
-    case Value::Kind::kData: {
-      const Value::Data& d = *value.data();
-      return PlistPtr(plist_new_data(reinterpret_cast<const char*>(d.data()), d.size()));
-    }
-    case Value::Kind::kDate: {
-      double since2001 = value.date()->secondsSince1970 - kSecondsFrom1970To2001;
-      double whole = std::floor(since2001);
-      if (!(whole >= std::numeric_limits<int32_t>::min() &&
-            whole <= std::numeric_limits<int32_t>::max())) {
-        throw ValueError("A date out of the property-list range cannot be stored");
-      }
-      return PlistPtr(plist_new_date(static_cast<int32_t>(whole),
-                                     static_cast<int32_t>((since2001 - whole) * 1e6)));
-    }
-    case Value::Kind::kArray: {
-      PlistPtr array(plist_new_array());
-      for (const Value& element : *value.array()) {
-        plist_array_append_item(array.get(), toNode(element).release());
-      }
-      return array;
-    }
-    case Value::Kind::kDictionary: {
-      PlistPtr dictionary(plist_new_dict());
-      for (const auto& [key, element] : *value.dictionary()) {
-        plist_dict_set_item(dictionary.get(), key.c_str(), toNode(element).release());
-      }
-      return dictionary;
-    }
-    case Value::Kind::kFileHandle:
-    case Value::Kind::kUuid:
-    case Value::Kind::kNull:
-      break;
   }
-  throw ValueError("A " + std::string(value.kindName()) + " cannot be stored in a property list");
+
+  // Base64 in lines of 68 characters, each at the element's own indent.
+  void data(std::span<const std::uint8_t> bytes) override {
+    static constexpr std::string_view kDigits =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    raw("<data>");
+    std::string encoded;
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+      const std::size_t left = bytes.size() - at;
+      const std::uint32_t group = (std::uint32_t{bytes[at]} << 16U) |
+                                  (left > 1 ? std::uint32_t{bytes[at + 1]} << 8U : 0U) |
+                                  (left > 2 ? std::uint32_t{bytes[at + 2]} : 0U);
+      encoded += kDigits[(group >> 18U) & 63U];
+      encoded += kDigits[(group >> 12U) & 63U];
+      encoded += left > 1 ? kDigits[(group >> 6U) & 63U] : '=';
+      encoded += left > 2 ? kDigits[group & 63U] : '=';
+    }
+    for (std::size_t at = 0; at < encoded.size(); at += 68) raw(encoded.substr(at, 68));
+    raw("</data>");
+  }
+
+  // Whole seconds, as libplist keeps them.
+  void date(Value::Date date) override {
+    const double since2001 = std::round(date.secondsSince1970 - kSecondsFrom1970To2001);
+    if (!(since2001 >= std::numeric_limits<int32_t>::min() &&
+          since2001 <= std::numeric_limits<int32_t>::max())) {
+      throw ValueError("A date out of the property-list range cannot be stored");
+    }
+    const auto seconds = static_cast<std::time_t>(since2001 + kSecondsFrom1970To2001);
+    std::tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    std::array<char, 32> text{};
+    const std::size_t n = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    line("<date>", std::string_view(text.data(), n), "</date>");
+  }
+
+  void beginArray(std::size_t count) override { open(count, "<array/>", "<array>"); }
+  void endArray() override { close("</array>"); }
+  void beginDictionary(std::size_t count) override { open(count, "<dict/>", "<dict>"); }
+  void key(std::string_view name) override { line("<key>", name, "</key>"); }
+  void endDictionary() override { close("</dict>"); }
+
+  void other(Value::Kind kind) override {
+    const char* name = kind == Value::Kind::kFileHandle ? "file handle"
+                       : kind == Value::Kind::kUuid     ? "UUID"
+                                                        : "null";
+    throw ValueError(std::string("A ") + name + " cannot be stored in a property list");
+  }
+
+ private:
+  static std::string real(double d) {
+    if (std::isnan(d)) return "nan";
+    if (std::isinf(d)) return d > 0 ? "+infinity" : "-infinity";
+    if (d == 0) return "0.0";
+    std::array<char, 32> text{};
+    const int n = std::snprintf(text.data(), text.size(), "%.17g", d);
+    return {text.data(), static_cast<std::size_t>(n)};
+  }
+
+  // An empty container is one element; the closing line of another comes later.
+  void open(std::size_t count, std::string_view empty, std::string_view opening) {
+    if (count == 0) {
+      raw(empty);
+      closed_.push_back(true);
+      return;
+    }
+    raw(opening);
+    closed_.push_back(false);
+    ++depth_;
+  }
+  void close(std::string_view closing) {
+    const bool wasEmpty = closed_.back();
+    closed_.pop_back();
+    if (wasEmpty) return;
+    --depth_;
+    raw(closing);
+  }
+
+  void raw(std::string_view text) {
+    out_.append(static_cast<std::size_t>(depth_), '\t');
+    out_ += text;
+    out_ += '\n';
+  }
+
+  // `text` between `open` and `close`, with the characters XML reserves escaped.
+  // Text ends at a NUL character, as it always has in these files: no XML
+  // document can hold one.
+  void line(std::string_view open, std::string_view text, std::string_view close) {
+    text = text.substr(0, text.find('\0'));
+    out_.append(static_cast<std::size_t>(depth_), '\t');
+    out_ += open;
+    std::size_t from = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+      const char c = text[at];
+      if (c != '<' && c != '>' && c != '&') continue;
+      out_.append(text.data() + from, at - from);
+      out_ += c == '<' ? "&lt;" : c == '>' ? "&gt;" : "&amp;";
+      from = at + 1;
+    }
+    out_.append(text.data() + from, text.size() - from);
+    out_ += close;
+    out_ += '\n';
+  }
+
+  std::string& out_;
+  int depth_;
+  std::vector<bool> closed_;  // of each open container, whether it was empty
+};
+
+constexpr std::string_view kXmlHead =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+    "<plist version=\"1.0\">\n";
+constexpr std::string_view kXmlTail = "</plist>\n";
+
+// Room for the XML of values that pack to `packedBytes`: a shared-files entry
+// packs to about a quarter of its XML, so the text is rarely moved as it grows.
+std::string startXml(std::size_t packedBytes) {
+  std::string out;
+  out.reserve(kXmlHead.size() + kXmlTail.size() + 4 * packedBytes + 256);
+  out += kXmlHead;
+  return out;
 }
 
 }  // namespace
@@ -363,11 +466,25 @@ std::optional<Value> PropertyList::parse(std::string_view bytes) {
 }
 
 std::string PropertyList::xml(const Value& value) {
-  PlistPtr root = toNode(value);
-  char* text = nullptr;
-  uint32_t length = 0;
-  plist_to_xml(root.get(), &text, &length);
-  std::string result(text == nullptr ? "" : text, length);
-  plist_to_xml_free(text);
-  return result;
+  const PackedValue packed(value);
+  std::string out = startXml(packed.size());
+  XmlWriter writer(out, 0);
+  packed.visit(writer);
+  out += kXmlTail;
+  return out;
+}
+
+std::string PropertyList::xml(const PackedValue::Dictionary& dictionary) {
+  std::size_t packedBytes = 0;
+  for (const auto& [key, value] : dictionary) packedBytes += key.size() + value.size();
+  std::string out = startXml(packedBytes);
+  XmlWriter writer(out, 0);
+  writer.beginDictionary(dictionary.size());
+  for (const auto& [key, value] : dictionary) {
+    writer.key(key);
+    value.visit(writer);
+  }
+  writer.endDictionary();
+  out += kXmlTail;
+  return out;
 }

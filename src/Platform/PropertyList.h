@@ -4,10 +4,11 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/PackedValue.h"
 #include "Platform/Value.h"
 
-// Property-list encoding of values (libplist). Reads XML and binary property
-// lists; writes XML.
+// Property-list encoding of values. Reads XML and binary property lists
+// (libplist); writes XML of its own, in the layout libplist gives it.
 class PropertyList {
  public:
   // The deepest nesting of arrays and dictionaries read. A preference suite
@@ -21,6 +22,8 @@ class PropertyList {
   // recursion and in time that grows with their length only.
   static bool withinDepth(std::string_view bytes);
   // The XML property list of `value`. Throws ValueError for kinds a property list
-  // cannot hold (file handles, UUIDs).
+  // cannot hold (file handles, UUIDs, null).
   static std::string xml(const Value& value);
+  // The same for a dictionary of packed values, without unpacking them.
+  static std::string xml(const PackedValue::Dictionary& dictionary);
 };

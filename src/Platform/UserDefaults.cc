@@ -22,11 +22,6 @@ namespace {
 
 enum class ReadState { kMissing, kRead, kUnreadable };
 
-struct ReadResult {
-  ReadState state = ReadState::kMissing;
-  Value::Dictionary domain;
-};
-
 std::system_error systemError(const std::string& what, const std::string& path) {
   return {errno, std::generic_category(), what + " " + path};
 }
@@ -94,7 +89,7 @@ std::optional<std::string> readFile(const std::string& path, Version& version) {
 // process replaced, rewrote or emptied is always read afresh. Each key's value is
 // kept packed: the shared-files list grows by an entry per file received, and the
 // service holds it for as long as it runs.
-using PackedDomain = std::map<std::string, PackedValue, std::less<>>;
+using PackedDomain = UserDefaults::PackedDomain;
 struct ReadCache {
   struct Entry {
     Version version;
@@ -102,6 +97,11 @@ struct ReadCache {
   };
   std::mutex mutex;
   std::map<std::string, Entry> entries;  // guarded by mutex
+};
+
+struct ReadResult {
+  ReadState state = ReadState::kMissing;
+  std::shared_ptr<const PackedDomain> keys;
 };
 
 // Never destroyed: suites may be read while the process exits.
@@ -127,9 +127,14 @@ Value::Dictionary unpacked(const PackedDomain& keys) {
   return domain;
 }
 
-void keepInCache(const std::string& path, const Version& version, const Value::Dictionary& domain) {
+std::shared_ptr<const PackedDomain> packed(const Value::Dictionary& domain) {
   auto keys = std::make_shared<PackedDomain>();
   for (const auto& [key, value] : domain) keys->emplace_hint(keys->end(), key, PackedValue(value));
+  return keys;
+}
+
+void keepInCache(const std::string& path, const Version& version,
+                 std::shared_ptr<const PackedDomain> keys) {
   ReadCache& cache = readCache();
   std::lock_guard lock(cache.mutex);
   cache.entries.insert_or_assign(path, ReadCache::Entry{version, std::move(keys)});
@@ -152,11 +157,13 @@ void reportUnreadable(const std::string& path, const std::string& reason) {
   Log::printf("Preferences %s are unreadable (%s); read as empty", path.c_str(), reason.c_str());
 }
 
+// The suite at `path` as it is now, packed; `keys` is null when the file is
+// missing or unreadable.
 ReadResult readSuite(const std::string& path) {
   ReadResult result;
   if (auto cached = cachedSuite(path)) {
     result.state = ReadState::kRead;
-    result.domain = unpacked(*cached);
+    result.keys = std::move(cached);
     return result;
   }
   std::optional<std::string> bytes;
@@ -175,9 +182,9 @@ ReadResult readSuite(const std::string& path) {
     result.state = ReadState::kUnreadable;
     return result;
   }
-  keepInCache(path, version, *value->dictionary());
   result.state = ReadState::kRead;
-  result.domain = std::move(*value->mutableDictionary());
+  result.keys = packed(*value->dictionary());
+  keepInCache(path, version, result.keys);
   return result;
 }
 
@@ -201,50 +208,57 @@ std::string UserDefaults::pathOfSuite(const std::string& name) {
 }
 
 Value::Dictionary UserDefaults::persistentDomainForName(const std::string& name) {
-  return readSuite(pathOfSuite(name)).domain;
+  ReadResult current = readSuite(pathOfSuite(name));
+  return current.keys ? unpacked(*current.keys) : Value::Dictionary();
 }
 
 std::optional<Value> UserDefaults::objectForKey(const std::string& key) const {
-  Value::Dictionary domain = persistentDomainForName(suiteName_);
-  auto it = domain.find(key);
-  if (it == domain.end()) return std::nullopt;
-  return std::move(it->second);
+  std::optional<PackedValue> packed = packedObjectForKey(key);
+  if (!packed) return std::nullopt;
+  return packed->unpacked();
 }
 
-void UserDefaults::setObject(Value value, const std::string& forKey) {
+std::optional<PackedValue> UserDefaults::packedObjectForKey(const std::string& key) const {
+  ReadResult current = readSuite(pathOfSuite(suiteName_));
+  if (!current.keys) return std::nullopt;
+  auto it = current.keys->find(key);
+  if (it == current.keys->end()) return std::nullopt;
+  return it->second;
+}
+
+void UserDefaults::setObject(const Value& value, const std::string& forKey) {
+  setPacked(PackedValue(value), forKey);
+}
+
+void UserDefaults::setPacked(const PackedValue& value, const std::string& forKey) {
   std::lock_guard lock(storeMutex_);
   const std::string path = pathOfSuite(suiteName_);
-  Value::Dictionary domain;
-  bool keepAside = false;
-  if (auto cached = cachedSuite(path)) {
-    // A store that would write what the file already holds is left out: no
-    // reader could tell it from one made a moment earlier. The value is compared
-    // packed, without unpacking the suite (a value of another type that compares
-    // equal, 1 for true, is written).
-    auto held = cached->find(forKey);
-    if (held != cached->end() && held->second == PackedValue(value)) return;
-    for (const auto& [key, other] : *cached) {
-      if (key != forKey) domain.emplace_hint(domain.end(), key, other.unpacked());
-    }
-  } else {
-    ReadResult current = readSuite(path);
-    domain = std::move(current.domain);
-    keepAside = current.state == ReadState::kUnreadable;
+  ReadResult current = readSuite(path);
+  // A store that would write what the file already holds is left out: no reader
+  // could tell it from one made a moment earlier. Values are compared packed (a
+  // value of another type that compares equal, 1 for true, is written).
+  auto keys = std::make_shared<PackedDomain>();
+  if (current.keys) {
+    auto held = current.keys->find(forKey);
+    if (held != current.keys->end() && held->second == value) return;
+    *keys = *current.keys;
   }
-  domain.insert_or_assign(forKey, std::move(value));
-  store(std::move(domain), keepAside);
+  keys->insert_or_assign(forKey, value);
+  store(std::move(keys), current.state == ReadState::kUnreadable);
 }
 
 void UserDefaults::removeObjectForKey(const std::string& key) {
   std::lock_guard lock(storeMutex_);
   ReadResult current = readSuite(pathOfSuite(suiteName_));
-  if (current.domain.erase(key) == 0) return;
-  store(std::move(current.domain), false);
+  if (!current.keys || current.keys->count(key) == 0) return;
+  auto keys = std::make_shared<PackedDomain>(*current.keys);
+  keys->erase(key);
+  store(std::move(keys), false);
 }
 
-void UserDefaults::store(Value::Dictionary domain, bool keepAside) {
+void UserDefaults::store(std::shared_ptr<const PackedDomain> keys, bool keepAside) {
   const std::string path = pathOfSuite(suiteName_);
-  std::string bytes = PropertyList::xml(Value(domain));
+  std::string bytes = PropertyList::xml(*keys);
 
   const std::string folder = path.substr(0, path.rfind('/'));
   std::error_code created;
@@ -283,7 +297,7 @@ void UserDefaults::store(Value::Dictionary domain, bool keepAside) {
   }
   // What was stored is what the next read gets, while the file stays this version.
   struct stat st {};
-  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), domain);
+  if (::fstat(fd, &st) == 0) keepInCache(path, Version::of(st), std::move(keys));
   ::close(fd);
   // Make the rename itself durable.
   int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
+#include "Platform/PackedValue.h"
 #include "Platform/Value.h"
 
 // Preference suites: each is an XML property list holding one dictionary at
@@ -19,6 +21,9 @@
 // ever overwrites it.
 class UserDefaults {
  public:
+  // A suite's keys and their values, packed.
+  using PackedDomain = PackedValue::Dictionary;
+
   // The service's own suite, "Quentara.SharedFilesXpcService".
   static UserDefaults& standardUserDefaults();
 
@@ -28,11 +33,15 @@ class UserDefaults {
 
   // The value stored under `key` in this suite, or nullopt.
   std::optional<Value> objectForKey(const std::string& key) const;
+  // The same, packed as it is held between reads: no tree is made of it.
+  std::optional<PackedValue> packedObjectForKey(const std::string& key) const;
   // Sets `key` to `value` and stores the whole suite. Throws ValueError for values
   // a property list cannot hold, and std::system_error when the file cannot be
   // written (the suite on disk is then unchanged).
   // A value the current file already holds under `key` is not written again.
-  void setObject(Value value, const std::string& forKey);
+  void setObject(const Value& value, const std::string& forKey);
+  // The same for a value already packed.
+  void setPacked(const PackedValue& value, const std::string& forKey);
   void removeObjectForKey(const std::string& key);
   // Stores are durable when setObject returns; kept for the callers' pattern.
   bool synchronize() { return true; }
@@ -44,8 +53,9 @@ class UserDefaults {
   static std::string pathOfSuite(const std::string& name);
 
  private:
-  // Writes `domain` as the whole suite; `keepAside` renames the unreadable file first.
-  void store(Value::Dictionary domain, bool keepAside);
+  // Writes `keys` as the whole suite and keeps them as what the file now holds;
+  // `keepAside` renames the unreadable file first.
+  void store(std::shared_ptr<const PackedDomain> keys, bool keepAside);
 
   std::string suiteName_;
   // Serialises this object's read-modify-write of its suite.

@@ -92,7 +92,7 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
     setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
     {
       std::lock_guard changing(SharedFilesList::changing());
-      setSharedFilesDefaultsArray(SharedFilesList::load(UserDefaults::standardUserDefaults()));
+      setSharedFilesSnapshot(SharedFilesList::loadPacked(UserDefaults::standardUserDefaults()));
     }
     // kept: set once per pass, not per entry; an entry that assigns nothing
     // inherits the path of the entry before it.
@@ -351,8 +351,8 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
   for (const Value& entry : SharedFilesList::filter(list, "FileName == %@", {Value(workingPath)})) {
     SharedFilesList::setValueOfEntry(list, entry, "FileName", to);
   }
-  setSharedFilesDefaultsArray(list);
-  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
+                               setSharedFilesDefaultsArray(list));
 }
 
 void ReceiveFileFromTransferHandler::receiveDelete(const RecFileFromTransfer& file,
@@ -367,8 +367,8 @@ void ReceiveFileFromTransferHandler::receiveDelete(const RecFileFromTransfer& fi
   });
   const ConfinedFolder folder(productFolderPath());
   if (exists(folder, workingPath)) ignoringErrors([&] { folder.remove(workingPath); });
-  setSharedFilesDefaultsArray(list);
-  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
+                               setSharedFilesDefaultsArray(list));
 }
 
 void ReceiveFileFromTransferHandler::acknowledge(const WireValue& transfer) {
@@ -445,7 +445,6 @@ void ReceiveFileFromTransferHandler::savePreFerences(const RecFileFromTransfer& 
   std::lock_guard changing(SharedFilesList::changing());
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   Value::Array list = SharedFilesList::load(defaults);
-  setSharedFilesDefaultsArray(list);
   Value::Dictionary entry;
   entry["OwnerFileID"] = Readings::listValue(file.ownerFileId);
   entry["UserComputerMapID"] = Readings::listValue(file.userComputerId);
@@ -456,8 +455,7 @@ void ReceiveFileFromTransferHandler::savePreFerences(const RecFileFromTransfer& 
   entry["DeleteKey"] = "0";
   entry["SavedFileID"] = Readings::listValue(file.savedFileId);
   list.emplace_back(std::move(entry));
-  setSharedFilesDefaultsArray(list);
-  SharedFilesList::store(defaults, list);
+  SharedFilesList::storePacked(defaults, setSharedFilesDefaultsArray(list));
   defaults.synchronize();
 }
 
@@ -473,8 +471,8 @@ void ReceiveFileFromTransferHandler::updateFileID(const std::string& path) {
     SharedFilesList::setValueOfEntry(list, named.front(), "FileID",
                                      std::to_string(attributes.st_ino));
   }
-  setSharedFilesDefaultsArray(list);
-  SharedFilesList::store(UserDefaults::standardUserDefaults(), list);
+  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
+                               setSharedFilesDefaultsArray(list));
 }
 
 void ReceiveFileFromTransferHandler::clearTemp(const std::string& path) {
@@ -542,10 +540,15 @@ Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {
   return packed.unpackedArray();
 }
 
-void ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(const Value::Array& list) {
+PackedValue ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(const Value::Array& list) {
   PackedValue packed(list);
+  setSharedFilesSnapshot(packed);
+  return packed;
+}
+
+void ReceiveFileFromTransferHandler::setSharedFilesSnapshot(PackedValue list) {
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(packed);
+  sharedFilesDefaultsArray_ = std::move(list);
 }
 
 std::string ReceiveFileFromTransferHandler::finalPath() const {

@@ -108,7 +108,10 @@ class ReceiveFileFromTransferHandler
   void notifyArrived() const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
   void setIAppsPrefs(Value::Dictionary prefs);
-  void setSharedFilesDefaultsArray(const Value::Array& list);
+  // Keeps `list` as the snapshot, and gives it back packed.
+  PackedValue setSharedFilesDefaultsArray(const Value::Array& list);
+  // The same for a list already packed.
+  void setSharedFilesSnapshot(PackedValue list);
   std::string productFolderPath() const;
 
   // One entry of a pass; `workingPath` carries over from the entry before.

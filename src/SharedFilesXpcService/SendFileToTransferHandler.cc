@@ -170,12 +170,11 @@ void SendFileToTransferHandler::FileToTransferMethod(const std::vector<FileToTra
   try {
     // The pass keeps a copy of the list and never reads it: a value that is not a
     // list (logged by the load) holds up no upload.
-    Value::Array copy;
+    PackedValue list{Value::Array()};
     try {
-      copy = SharedFilesList::load(UserDefaults::standardUserDefaults());
+      list = SharedFilesList::loadPacked(UserDefaults::standardUserDefaults());
     } catch (const ValueError&) {  // NOLINT(bugprone-empty-catch): the copy stays empty
     }
-    PackedValue list(copy);
     {
       std::lock_guard lock(mutex_);
       sharedFilesDefaultsArray_ = std::move(list);

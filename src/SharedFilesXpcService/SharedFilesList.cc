@@ -10,12 +10,16 @@ constexpr const char* kListKey = "SharedFileDataKey";
 }  // namespace
 
 Value::Array SharedFilesList::load(UserDefaults& defaults) {
-  std::optional<Value> stored = defaults.objectForKey(kListKey);
-  if (!stored) return {};
-  if (Value::Array* list = stored->mutableArray()) return std::move(*list);
-  Log::printf("SharedFileDataKey holds a %s, not a list; left as it is",
-              std::string(stored->kindName()).c_str());
-  throw ValueError("SharedFileDataKey holds a " + std::string(stored->kindName()) + ", not a list");
+  return loadPacked(defaults).unpackedArray();
+}
+
+PackedValue SharedFilesList::loadPacked(UserDefaults& defaults) {
+  std::optional<PackedValue> stored = defaults.packedObjectForKey(kListKey);
+  if (!stored) return PackedValue(Value::Array());
+  if (stored->kind() == Value::Kind::kArray) return *stored;
+  const std::string kind(stored->unpacked().kindName());
+  Log::printf("SharedFileDataKey holds a %s, not a list; left as it is", kind.c_str());
+  throw ValueError("SharedFileDataKey holds a " + kind + ", not a list");
 }
 
 std::mutex& SharedFilesList::changing() {
@@ -24,7 +28,11 @@ std::mutex& SharedFilesList::changing() {
 }
 
 void SharedFilesList::store(UserDefaults& defaults, const Value::Array& list) {
-  defaults.setObject(Value(list), kListKey);
+  storePacked(defaults, PackedValue(list));
+}
+
+void SharedFilesList::storePacked(UserDefaults& defaults, const PackedValue& list) {
+  defaults.setPacked(list, kListKey);
   defaults.synchronize();
 }
 

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/Predicate.h"
 #include "Platform/UserDefaults.h"
 #include "Platform/Value.h"
@@ -30,9 +31,13 @@ class SharedFilesList {
   // The stored list; an absent list is empty. A value that is not an array is
   // logged and throws ValueError, leaving it as it is.
   static Value::Array load(UserDefaults& defaults);
+  // The same, packed as the suite holds it: for a snapshot that is kept, not read.
+  static PackedValue loadPacked(UserDefaults& defaults);
   // Stores the whole list and synchronises the suite (a list the suite's file
   // already holds is not written again).
   static void store(UserDefaults& defaults, const Value::Array& list);
+  // The same for the list packed, as a pass's snapshot holds it.
+  static void storePacked(UserDefaults& defaults, const PackedValue& list);
 
   // The entries matching `format` with `arguments` (see Predicate), in list order.
   static Value::Array filter(const Value::Array& list, std::string_view format,

@@ -231,8 +231,7 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
       }
     }
   }
-  setSharedFilesDefaultsArray(list);
-  SharedFilesList::store(defaults, list);
+  SharedFilesList::storePacked(defaults, setSharedFilesDefaultsArray(list));
   defaults.synchronize();
 }
 
@@ -282,16 +281,18 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   setSharedFilesDefaultsArray({});
   std::lock_guard changing(SharedFilesList::changing());
-  Value::Array list = SharedFilesList::load(defaults);
-  setSharedFilesDefaultsArray(list);
-  if (list.empty()) return;
+  const PackedValue stored = SharedFilesList::loadPacked(defaults);
+  setSharedFilesSnapshot(stored);
+  // Without folder states nothing changes: the list is not unpacked for them.
+  if (stored.count() == 0 || folders.empty()) return;
+  Value::Array list = stored.unpackedArray();
   // The list is stored once, after the last folder, instead of after each shared
   // one: nobody reads it in between but this pass. A failure stores what the
   // folders before it changed, as their own stores would have.
   bool changed = false;
   auto keep = [&] {
-    setSharedFilesDefaultsArray(list);
-    if (changed) SharedFilesList::store(defaults, list);
+    const PackedValue packed = setSharedFilesDefaultsArray(list);
+    if (changed) SharedFilesList::storePacked(defaults, packed);
   };
   try {
     std::optional<SharedFilesIndex> byOwnerFile;
@@ -371,8 +372,13 @@ Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
   return packed.unpackedArray();
 }
 
-void SharedFilesXpcService::setSharedFilesDefaultsArray(const Value::Array& array) {
+PackedValue SharedFilesXpcService::setSharedFilesDefaultsArray(const Value::Array& array) {
   PackedValue packed(array);
+  setSharedFilesSnapshot(packed);
+  return packed;
+}
+
+void SharedFilesXpcService::setSharedFilesSnapshot(PackedValue array) {
   std::lock_guard lock(mutex_);
-  sharedFilesDefaultsArray_ = std::move(packed);
+  sharedFilesDefaultsArray_ = std::move(array);
 }

@@ -95,7 +95,10 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   Value::Dictionary iAppsPrefs() const;
 
   Value::Array sharedFilesDefaultsArray() const;
-  void setSharedFilesDefaultsArray(const Value::Array& array);
+  // Keeps `array` as the snapshot, and gives it back packed.
+  PackedValue setSharedFilesDefaultsArray(const Value::Array& array);
+  // The same for a list already packed.
+  void setSharedFilesSnapshot(PackedValue array);
 
  private:
   explicit SharedFilesXpcService(Scheduler& scheduler);

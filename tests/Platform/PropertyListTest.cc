@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
+
+#include "Platform/ValueError.h"
 
 namespace {
 
@@ -49,6 +53,49 @@ TEST(PropertyListTest, BinaryListOfOrdinaryValuesReadsAsItsXmlFormDoes) {
                 "\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x05\x00\x00\x00\x00\x00\x00\x00\x00\x00"
                 "\x00\x00\x00\x00\x00\x00\x1e")),
             value);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(PropertyListTest, WrittenXmlReadsBackAsEveryKindItCanHoldAndEscapesWhatXmlReserves) {
+  Value::Data bytes;
+  for (int i = 0; i < 200; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 7));
+  const Value value(Value::Dictionary{
+      {"text", "a<b> & \"c\" 'd' é"},
+      {"key <&>", ""},
+      {"yes", Value::boolean(true)},
+      {"no", Value::boolean(false)},
+      {"negative", Value::integer(-3)},
+      {"large", Value::integer(-9223372036854775807LL - 1)},
+      {"half", Value::real(1.5)},
+      {"tenth", Value::real(0.1)},
+      {"zero", Value::real(0)},
+      {"date", Value(Value::Date{1700000000})},
+      {"bytes", Value(bytes)},
+      {"one byte", Value(Value::Data{0xFF})},
+      {"none", Value(Value::Data{})},
+      {"empty list", Value(Value::Array{})},
+      {"empty dictionary", Value(Value::Dictionary{})},
+      {"nested", Value(Value::Array{Value("x"), Value(Value::Dictionary{{"q", "w"}}),
+                                    Value(Value::Array{Value(Value::Array{})})})}});
+  const std::string xml = PropertyList::xml(value);
+  EXPECT_EQ(PropertyList::parse(xml), value) << xml;
+  EXPECT_NE(xml.find("<string>a&lt;b&gt; &amp; \"c\" 'd' é</string>"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("<key>key &lt;&amp;&gt;</key>"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("<date>2023-11-14T22:13:20Z</date>"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("\t<key>empty list</key>\n\t<array/>\n"), std::string::npos) << xml;
+
+  // Text ends at a NUL character; no XML document can hold one.
+  EXPECT_EQ(PropertyList::parse(PropertyList::xml(Value(std::string("ab\0cd", 5)))), Value("ab"));
+  // What a property list cannot hold is refused with the kind named.
+  try {
+    PropertyList::xml(Value(Value::Array{Value(Value::Null{})}));
+    ADD_FAILURE() << "null was written";
+  } catch (const ValueError& refused) {
+    EXPECT_STREQ(refused.what(), "A null cannot be stored in a property list");
+  }
 }
 
 }  // namespace
