@@ -42,9 +42,11 @@ const WireValue& cloudComputerId(const FileToTransfer& file) {
 }
 
 // The size of the regular file at `path` as decimal text; "0" for anything else.
+// The item's size as the file manager gives it: of any kind of item, and of a
+// link itself rather than what it points to; "0" when there is none.
 std::string lengthOf(const std::string& path) {
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return "0";
+  if (::lstat(path.c_str(), &st) != 0) return "0";
   return std::to_string(st.st_size);
 }
 

@@ -256,16 +256,28 @@ TEST_F(SendFileToTransferHandlerTest, RecordsThatEndWithoutAnUploadNotifyAsTheir
     EXPECT_EQ(upload.body, "");
   }
 
+  // A link: "Length" is the link's own size (its text, "elsewhere.bin"); the body
+  // is what it points to.
+  const std::string link = sharedFile("F9", 0);
+  const std::string elsewhere = sharedFile("elsewhere", 5000);
+  fs::remove(link);
+  fs::create_symlink("elsewhere.bin", link);
+  handler->FileToTransferMethod({record(aFile("T9", "F9", "0"))});
+  ASSERT_TRUE(waitUntil([&] { return server.requestsFor(kToComputer).size() == 3U; }));
+  EXPECT_EQ(server.requestsFor(kToComputer)[2].header("Length"), "13");
+  EXPECT_EQ(server.requestsFor(kToComputer)[2].body, bytesOf(elsewhere));
+  ASSERT_TRUE(notifiedAtLeast(9)) << "the upload's answer and completion";
+
   // A failed position check: notified, nothing sent.
   server.script(kCheck, ReferenceServer::raw("not json", "text/plain"));
   sharedFile("F8", 100);
   handler->FileToTransferMethod({record(aFile("T8", "F8", "0"))});
-  ASSERT_TRUE(notifiedAtLeast(8));
-  EXPECT_EQ(server.requestsFor(kToComputer).size(), 2U);
+  ASSERT_TRUE(notifiedAtLeast(10));
+  EXPECT_EQ(server.requestsFor(kToComputer).size(), 3U);
 
   // Nothing to send: nobody is told.
   handler->FileToTransferMethod({});
-  EXPECT_EQ(delegate->notified, 8);
+  EXPECT_EQ(delegate->notified, 10);
 }
 
 TEST_F(SendFileToTransferHandlerTest, BadValuesEndTheRecordOrThePassAndNeverTheProcess) {
