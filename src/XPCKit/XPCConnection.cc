@@ -141,18 +141,25 @@ void XPCConnection::resume() {
                                  [connection = connection_] { connection->resume(); });
 }
 
-Value XPCConnection::readOnQueue(
-    const std::function<std::uint32_t(const XPCRawConnection&)>& read) const {
+template <class Result>
+Result XPCConnection::onQueue(const std::function<Result(const XPCRawConnection&)>& read) const {
   const DispatchQueues::SerialQueue queue = dispatchQueue();
   // Read where it stands when already on the queue: waiting for it would never end.
-  if (queue.isCurrent()) return Value::integer(read(*connection_));
-  std::promise<std::uint32_t> value;
-  std::future<std::uint32_t> read_ = value.get_future();
+  if (queue.isCurrent()) return read(*connection_);
+  std::promise<Result> value;
+  std::future<Result> result = value.get_future();
   DispatchQueues::dispatchSerial(queue, [&] { value.set_value(read(*connection_)); });
-  return Value::integer(read_.get());
+  return result.get();
 }
 
-std::optional<std::string> XPCConnection::connectionName() const { return connection_->name(); }
+Value XPCConnection::readOnQueue(
+    const std::function<std::uint32_t(const XPCRawConnection&)>& read) const {
+  return Value::integer(onQueue(read));
+}
+
+std::optional<std::string> XPCConnection::connectionName() const {
+  return onQueue<std::optional<std::string>>([](const XPCRawConnection& c) { return c.name(); });
+}
 
 Value XPCConnection::connectionEUID() const {
   return readOnQueue([](const XPCRawConnection& c) { return c.euid(); });

@@ -67,9 +67,8 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   void suspend();
   void resume();
 
-  // The service's name (nullopt for an accepted peer); it never changes.
-  // The peer's identity, each read on the queue, as numbers of their unsigned
-  // 32-bit values.
+  // The service's name (nullopt for an accepted peer), and the peer's identity as
+  // numbers of their unsigned 32-bit values; each read on the queue.
   std::optional<std::string> connectionName() const;
   Value connectionEUID() const;
   Value connectionEGID() const;
@@ -82,6 +81,9 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   // The receive dispatch, for each event of the connection.
   void receive(const XPCObject& event);
   // `read` run on the queue, waited for (at once when already on it).
+  template <class Result>
+  Result onQueue(const std::function<Result(const XPCRawConnection&)>& read) const;
+  // The same for an identity number, as a number of its unsigned 32-bit value.
   Value readOnQueue(const std::function<std::uint32_t(const XPCRawConnection&)>& read) const;
 
   const std::shared_ptr<XPCRawConnection> connection_;
