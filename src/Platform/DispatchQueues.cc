@@ -1,5 +1,7 @@
 #include "Platform/DispatchQueues.h"
 
+#include <utility>
+
 #include <algorithm>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
@@ -71,8 +73,22 @@ void DispatchQueues::dispatchMain(Work work) {
   asio::post(executors_->main, [work = std::move(work)] { runGuarded(work); });
 }
 
+namespace {
+// The serial queue whose work the thread runs, while it runs it.
+thread_local const DispatchQueues::SerialQueue* runningQueue = nullptr;
+}  // namespace
+
 void DispatchQueues::dispatchSerial(const SerialQueue& queue, Work work) {
-  asio::post(queue.strand_->strand, [work = std::move(work)] { runGuarded(work); });
+  asio::post(queue.strand_->strand, [queue, work = std::move(work)] {
+    const SerialQueue* outer = std::exchange(runningQueue, &queue);
+    runGuarded(work);
+    runningQueue = outer;
+  });
+}
+
+std::optional<DispatchQueues::SerialQueue> DispatchQueues::currentSerialQueue() {
+  if (runningQueue == nullptr) return std::nullopt;
+  return *runningQueue;
 }
 
 DispatchQueues::SerialQueue DispatchQueues::makeSerialQueue(std::string label) {

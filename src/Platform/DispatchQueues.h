@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -50,6 +51,8 @@ class DispatchQueues : public Scheduler {
   static void dispatchSerial(const SerialQueue& queue, Work work);
   // A new serial queue, named `label` for whoever looks at it.
   SerialQueue makeSerialQueue(std::string label = {});
+  // The private serial queue the caller runs on, if any.
+  static std::optional<SerialQueue> currentSerialQueue();
 
   // The guard every work item runs under.
   static void runGuarded(const Work& work);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Platform/DispatchQueues.h"
 #include "Platform/Environment.h"
 #include "Platform/NetlinkRoutes.h"
 #include "Platform/NotificationCenter.h"
@@ -74,9 +75,32 @@ Reachability::~Reachability() { stopNotifier(); }
 bool Reachability::startNotifier() {
   std::lock_guard lock(notifierMutex_);
   if (!reachabilityRef_) return false;
-  notifier_ = std::make_unique<NetlinkRouteWatcher>([this] {
-    NotificationCenter::defaultCenter().postNotificationName(
-        kNetworkReachabilityChangedNotification, this);
+  // The notification is posted where the notifier was started: on the main
+  // operation queue, on a private serial queue, or else on the watcher's thread.
+  std::function<void(Scheduler::Work)> post = [](const Scheduler::Work& work) {
+    DispatchQueues::runGuarded(work);
+  };
+  if (DispatchQueues::shared().isMainQueueThread()) {
+    post = [](Scheduler::Work work) { DispatchQueues::shared().dispatchMain(std::move(work)); };
+  } else if (std::optional<DispatchQueues::SerialQueue> queue =
+                 DispatchQueues::currentSerialQueue()) {
+    post = [queue = *queue](Scheduler::Work work) {
+      DispatchQueues::dispatchSerial(queue, std::move(work));
+    };
+  }
+  // Only a change of the flags is told: routes that change nothing for the
+  // target (another network's, an address added) are not.
+  notifier_ = std::make_unique<NetlinkRouteWatcher>([this, post, last = readFlags()]() mutable {
+    std::optional<std::uint32_t> flags = readFlags();
+    if (flags == last) return;
+    last = flags;
+    // Told only while the object lives: the queue may run it after the watch ends.
+    post([watched = weak_from_this()] {
+      if (std::shared_ptr<Reachability> self = watched.lock()) {
+        NotificationCenter::defaultCenter().postNotificationName(
+            kNetworkReachabilityChangedNotification, self.get());
+      }
+    });
   });
   if (!notifier_->isWatching()) {
     notifier_.reset();

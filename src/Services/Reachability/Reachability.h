@@ -14,7 +14,7 @@
 // Whether the network can be reached, for a host name or an address. The
 // internet test watches the zero address: is there any route out at all. The
 // server's host is never contacted.
-class Reachability {
+class Reachability : public std::enable_shared_from_this<Reachability> {
  public:
   // Reachability flags.
   static constexpr std::uint32_t kReachable = 2;

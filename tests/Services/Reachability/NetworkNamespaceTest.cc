@@ -7,8 +7,10 @@
 
 #include <condition_variable>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 
+#include "Platform/DispatchQueues.h"
 #include "Platform/NotificationCenter.h"
 #include "Services/NetWorkConnectionStatus.h"
 #include "Services/Reachability/Reachability.h"
@@ -20,6 +22,10 @@ namespace {
 int addDefaultRoute() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe)
   return std::system("ip route add default dev lo");
+}
+int addOtherRoute() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
+  return std::system("ip route add 10.9.8.0/24 dev lo");
 }
 int deleteDefaultRoute() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe)
@@ -38,23 +44,36 @@ TEST(NetworkNamespaceTest, WithoutADefaultRouteNeitherTestReachesTheNetwork) {
   EXPECT_EQ(local->currentReachabilityStatus(), 1);
 }
 
-TEST(NetworkNamespaceTest, ADefaultRouteMakesTheNetworkReachableAndIsNotified) {
+TEST(NetworkNamespaceTest, ADefaultRouteMakesTheNetworkReachableAndIsNotifiedOnTheStartingQueue) {
   auto internet = Reachability::reachabilityForInternetConnection();
   std::mutex mutex;
   std::condition_variable changed;
   const void* sender = nullptr;
+  bool onStartingQueue = false;
+  bool reachableWhenTold = false;
+  const DispatchQueues::SerialQueue queue = DispatchQueues::shared().makeSerialQueue("notifier");
   auto token = NotificationCenter::defaultCenter().addObserverForName(
       "kNetworkReachabilityChangedNotification", [&](const void* s) {
+        const bool reachable = Reachability::isReachable();
         std::lock_guard lock(mutex);
+        if (sender != nullptr) return;
         sender = s;
+        onStartingQueue = queue.isCurrent();
+        reachableWhenTold = reachable;
         changed.notify_all();
       });
-  ASSERT_TRUE(internet->startNotifier());
+  std::promise<bool> started;
+  DispatchQueues::dispatchSerial(queue, [&] { started.set_value(internet->startNotifier()); });
+  ASSERT_TRUE(started.get_future().get());
+  // A route to another network changes nothing for the internet test: not told.
+  ASSERT_EQ(addOtherRoute(), 0);
   ASSERT_EQ(addDefaultRoute(), 0);
   {
     std::unique_lock lock(mutex);
     EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return sender != nullptr; }));
     EXPECT_EQ(sender, internet.get());
+    EXPECT_TRUE(onStartingQueue);
+    EXPECT_TRUE(reachableWhenTold) << "told of a route that changed nothing";
   }
   internet->stopNotifier();
   NotificationCenter::defaultCenter().removeObserver(token);
