@@ -1,6 +1,12 @@
 #include "Platform/Predicate.h"
 
+#include <unicode/unistr.h>
+#include <unicode/ustring.h>
+
 #include <cctype>
+#include <cstdint>
+#include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -109,7 +115,34 @@ class Parser {
   std::size_t nextArgument_ = 0;
 };
 
+// `text` as UTF-16 with its case folded (full Unicode folding: "É" as "é", "ß"
+// as "ss"); nullopt when it is not UTF-8.
+std::optional<icu::UnicodeString> folded(const std::string& text) {
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
+    return std::nullopt;
+  }
+  const auto size = static_cast<int32_t>(text.size());
+  UErrorCode status = U_ZERO_ERROR;
+  int32_t length = 0;
+  u_strFromUTF8WithSub(nullptr, 0, &length, text.data(), size, U_SENTINEL, nullptr, &status);
+  if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) return std::nullopt;
+  icu::UnicodeString result;
+  UChar* buffer = result.getBuffer(length);
+  if (buffer == nullptr) return std::nullopt;
+  status = U_ZERO_ERROR;
+  u_strFromUTF8WithSub(buffer, length, &length, text.data(), size, U_SENTINEL, nullptr, &status);
+  result.releaseBuffer(U_SUCCESS(status) ? length : 0);
+  if (U_FAILURE(status)) return std::nullopt;
+  result.foldCase();
+  return result;
+}
+
+// Compared as the platform compares without case, for all of Unicode. Bytes that
+// are not UTF-8 are compared as they are, ASCII letters without case.
 bool beginsWithIgnoringCase(const std::string& text, const std::string& prefix) {
+  std::optional<icu::UnicodeString> foldedText = folded(text);
+  std::optional<icu::UnicodeString> foldedPrefix = folded(prefix);
+  if (foldedText && foldedPrefix) return foldedText->startsWith(*foldedPrefix) != 0;
   if (prefix.size() > text.size()) return false;
   for (std::size_t i = 0; i < prefix.size(); ++i) {
     if (std::tolower(static_cast<unsigned char>(text[i])) !=

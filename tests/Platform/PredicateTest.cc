@@ -72,6 +72,21 @@ TEST(PredicateTest, BeginsWithIgnoresCaseAndRefusesNonText) {
                ValueError);
 }
 
+TEST(PredicateTest, BeginsWithIgnoresCaseBeyondAsciiAsThePlatformDoes) {
+  auto begins = [](const char* name, const char* prefix) {
+    return Predicate("FileName BEGINSWITH[c] %@", {Value(prefix)})
+        .evaluateWithObject(Value(Value::Dictionary{{"FileName", name}}));
+  };
+  // Accented, Greek and Cyrillic letters, and a letter that folds to two.
+  EXPECT_TRUE(begins("/Users/Émile/Été 2024/ΣΟΦΊΑ", "/users/émile/été 2024/σοφία"));
+  EXPECT_TRUE(begins("/h/ФОТО/x", "/h/фото"));
+  EXPECT_TRUE(begins("/h/STRASSE/x", "/h/straße"));
+  EXPECT_FALSE(begins("/h/Émile", "/h/emile")) << "an accent is not a case";
+  // Bytes that are not UTF-8 compare as they are, ASCII letters without case.
+  EXPECT_TRUE(begins("/h/\xff/A", "/h/\xff/a"));
+  EXPECT_FALSE(begins("/h/\xff", "/h/\xfe"));
+}
+
 TEST(PredicateTest, FilterKeepsOrderAndRefusesEntriesThatAreNotDictionaries) {
   Value::Array list = {entry({{"OwnerFileID", "1"}, {"FileName", "a"}}),
                        entry({{"OwnerFileID", "2"}, {"FileName", "b"}}),
