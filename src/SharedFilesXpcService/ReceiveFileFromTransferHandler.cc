@@ -49,10 +49,7 @@ bool exists(const ConfinedFolder& folder, const std::string& path) {
 
 }  // namespace
 
-ReceiveFileFromTransferHandler::ReceiveFileFromTransferHandler() {
-  setIAppsPrefs({});
-  setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
-}
+ReceiveFileFromTransferHandler::ReceiveFileFromTransferHandler() { iAppsPrefs_.refresh(); }
 
 void ReceiveFileFromTransferHandler::setDelegate(
     std::weak_ptr<ReceiveFileFromTransferDelegate> delegate) {
@@ -89,7 +86,7 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
   static std::mutex passing;
   std::lock_guard onePass(passing);
   try {
-    setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
+    iAppsPrefs_.refresh();
     {
       std::lock_guard changing(SharedFilesList::changing());
       setSharedFilesSnapshot(SharedFilesList::loadPacked(UserDefaults::standardUserDefaults()));
@@ -516,19 +513,12 @@ void ReceiveFileFromTransferHandler::renameFileWithName(const std::string& name,
 }
 
 void ReceiveFileFromTransferHandler::logErrorMethod(const std::exception& exception) {
-  setIAppsPrefs({});
-  setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
-  ErrorLogReport::send("ReceiveFileFromTransferHandler", "URLSession", exception, iAppsPrefs());
+  ErrorLogReport::send("ReceiveFileFromTransferHandler", "URLSession", exception,
+                       iAppsPrefs_.refresh());
 }
 
 Value::Dictionary ReceiveFileFromTransferHandler::iAppsPrefs() const {
-  std::lock_guard lock(mutex_);
-  return iAppsPrefs_;
-}
-
-void ReceiveFileFromTransferHandler::setIAppsPrefs(Value::Dictionary prefs) {
-  std::lock_guard lock(mutex_);
-  iAppsPrefs_ = std::move(prefs);
+  return iAppsPrefs_.snapshot();
 }
 
 Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {

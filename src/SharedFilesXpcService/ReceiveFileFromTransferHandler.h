@@ -17,6 +17,7 @@
 #include "Services/OperationResult.h"
 #include "Services/Records/IsFileExistsInCloudResponseData.h"
 #include "Services/Records/RecFileFromTransfer.h"
+#include "SharedFilesXpcService/ApplicationPreferences.h"
 #include "SharedFilesXpcService/Download.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
 #include "SharedFilesXpcService/TransferClaims.h"
@@ -107,7 +108,6 @@ class ReceiveFileFromTransferHandler
   // Notifies after a file was placed and acknowledged.
   void notifyArrived() const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
-  void setIAppsPrefs(Value::Dictionary prefs);
   // Keeps `list` as the snapshot, and gives it back packed.
   PackedValue setSharedFilesDefaultsArray(const Value::Array& list);
   // The same for a list already packed.
@@ -154,9 +154,9 @@ class ReceiveFileFromTransferHandler
   // throws is reported to the server, as the pass's guard would.
   void reportFailures(const std::function<void()>& work);
 
-  mutable std::mutex mutex_;  // guards the members below
+  ApplicationPreferences iAppsPrefs_;  // guards itself
+  mutable std::mutex mutex_;           // guards the members below
   std::weak_ptr<ReceiveFileFromTransferDelegate> delegate_;
-  Value::Dictionary iAppsPrefs_;
   // The pass's snapshot of the list, packed: it is held between passes.
   PackedValue sharedFilesDefaultsArray_;
   // The last download made, for finalPath(), tempFilePath() and fileLength().

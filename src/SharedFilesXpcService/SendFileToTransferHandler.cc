@@ -79,11 +79,7 @@ std::string describe(const OperationResult<Record>& result) {
 }  // namespace
 
 SendFileToTransferHandler::SendFileToTransferHandler() {
-  {
-    std::lock_guard lock(mutex_);
-    iAppsPrefs_ = {};
-    iAppsPrefs_ = UserDefaults::persistentDomainForName("Quentara.Tallowbox");
-  }
+  iAppsPrefs_.refresh();
   setFileToTransfer({});
 }
 
@@ -452,11 +448,6 @@ void SendFileToTransferHandler::UpdateFileSendReceivedMethod(const FileToTransfe
 }
 
 void SendFileToTransferHandler::logErrorMethod(const std::exception& exception) {
-  Value::Dictionary prefs = UserDefaults::persistentDomainForName("Quentara.Tallowbox");
-  {
-    std::lock_guard lock(mutex_);
-    iAppsPrefs_ = {};
-    iAppsPrefs_ = prefs;
-  }
-  ErrorLogReport::send("SendFileToTransferHandler", "FileToTransferMethod", exception, prefs);
+  ErrorLogReport::send("SendFileToTransferHandler", "FileToTransferMethod", exception,
+                       iAppsPrefs_.refresh());
 }

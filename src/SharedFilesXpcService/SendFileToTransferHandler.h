@@ -14,6 +14,7 @@
 #include "Platform/URLSessionDelegate.h"
 #include "Platform/Value.h"
 #include "Services/Records/FileToTransfer.h"
+#include "SharedFilesXpcService/ApplicationPreferences.h"
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
 #include "SharedFilesXpcService/TransferClaims.h"
 
@@ -94,8 +95,8 @@ class SendFileToTransferHandler : public URLSessionDelegate,
   // Where the pass finds the local file of `file`; empty when it finds none.
   static std::string localFileOf(const FileToTransfer& file);
 
-  mutable std::mutex mutex_;  // guards the members below
-  Value::Dictionary iAppsPrefs_;
+  ApplicationPreferences iAppsPrefs_;  // guards itself
+  mutable std::mutex mutex_;           // guards the members below
   std::string strFileNameToSend_;
   std::optional<std::string> userType_;
   WireValue bytePos_;

@@ -74,8 +74,7 @@ void SharedFilesXpcService::startSharedFileToTransfer() {
 }
 
 void SharedFilesXpcService::queryWhenIdle() {
-  setIAppsPrefs({});
-  setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
+  iAppsPrefs_.refresh();
 
   if (!sendLock() && !receiveLock()) {
     movedFile_.store(false, std::memory_order_relaxed);
@@ -312,9 +311,7 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
 }
 
 void SharedFilesXpcService::logErrorMethod(const std::exception& exception) {
-  setIAppsPrefs({});
-  setIAppsPrefs(UserDefaults::persistentDomainForName("Quentara.Tallowbox"));
-  ErrorLogReport::send("SharedFilesXpcService", "URLSession", exception, iAppsPrefs());
+  ErrorLogReport::send("SharedFilesXpcService", "URLSession", exception, iAppsPrefs_.refresh());
 }
 
 void SharedFilesXpcService::SendFileNotify() {
@@ -353,15 +350,7 @@ void SharedFilesXpcService::passEnded() {
   });
 }
 
-Value::Dictionary SharedFilesXpcService::iAppsPrefs() const {
-  std::lock_guard lock(mutex_);
-  return iAppsPrefs_;
-}
-
-void SharedFilesXpcService::setIAppsPrefs(Value::Dictionary prefs) {
-  std::lock_guard lock(mutex_);
-  iAppsPrefs_ = std::move(prefs);
-}
+Value::Dictionary SharedFilesXpcService::iAppsPrefs() const { return iAppsPrefs_.snapshot(); }
 
 Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
   PackedValue packed;

@@ -13,6 +13,7 @@
 #include "Services/Records/GetSharedFilesTransferDataResponseData.h"
 #include "Services/Records/OwnerComputers.h"
 #include "Services/Records/SharedfoldersWithStatus.h"
+#include "SharedFilesXpcService/ApplicationPreferences.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
@@ -103,7 +104,6 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
  private:
   explicit SharedFilesXpcService(Scheduler& scheduler);
 
-  void setIAppsPrefs(Value::Dictionary prefs);
   // The step's work: the query, when neither flag is set.
   void queryWhenIdle();
   // After a notification: the step a moved file earned, when both flags are clear.
@@ -120,8 +120,8 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
 
   Scheduler& scheduler_;
 
-  mutable std::mutex mutex_;  // guards the members below
-  Value::Dictionary iAppsPrefs_;
+  ApplicationPreferences iAppsPrefs_;  // guards itself
+  mutable std::mutex mutex_;           // guards the members below
   // The list as the last owner or folder pass left it, packed: it is held
   // between passes.
   PackedValue sharedFilesDefaultsArray_;
