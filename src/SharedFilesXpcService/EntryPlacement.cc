@@ -39,21 +39,21 @@ std::string EntryPlacement::local(const WireValue& path) {
 }
 
 EntryPlacement EntryPlacement::of(const RecFileFromTransfer& file, const Value::Array& list,
-                                  const std::string& productFolder,
+                                  const std::function<std::string()>& productFolder,
                                   const std::string& previousPath) {
   EntryPlacement placement{previousPath};
   std::string& path = placement.workingPath;
   const long long change = Readings::integerValue(file.changeType);
-  const std::string name = PathNames::lastPathComponent(local(file.fullPath));
+  auto name = [&] { return PathNames::lastPathComponent(local(file.fullPath)); };
   if (Readings::integerValue(file.isOwnerToSubscriber) == 1) {
     if (change == 1 && Readings::integerValue(file.prevFolderFileId) != 0) {
       auto parent = firstName(list, "(OwnerFileID == %@) AND (Blocked == %@)",
                               {Readings::objectValue(file.prevFolderFileId), Value("0")});
-      path = parent ? *parent + "/" + name : "";
+      path = parent ? *parent + "/" + name() : "";
     } else if (change == 1) {
       auto root = firstName(list, "(UserComputerMapID==%@ AND OwnerFileID==%@)",
                             {Readings::objectValue(file.userComputerId), Value("0")});
-      path = root ? *root + "/" + name : path + local(file.fullPath);
+      path = root ? *root + "/" + name() : path + local(file.fullPath);
     } else if (auto item = firstName(list, "(OwnerFileID == %@) AND (Blocked == %@)",
                                      {Readings::objectValue(file.ownerFileId), Value("0")})) {
       path = *item;
@@ -66,10 +66,10 @@ EntryPlacement EntryPlacement::of(const RecFileFromTransfer& file, const Value::
   if (Readings::integerValue(file.fromCloud) == 1 &&
       Readings::isEqualToString(file.fromComputerId, file.toComputerId) &&
       path.rfind('/', 0) == 0) {
-    path = productFolder + path;
+    path = productFolder() + path;
   }
   if (path.empty()) {
-    path = productFolder + "/" + Readings::formatted(file.nickName) + local(file.fullPath);
+    path = productFolder() + "/" + Readings::formatted(file.nickName) + local(file.fullPath);
     placement.builtFromNickName = true;
   }
   return placement;

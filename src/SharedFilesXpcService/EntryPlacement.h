@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "Platform/Value.h"
@@ -19,9 +20,11 @@ struct EntryPlacement {
   // The placement of `file` in a pass whose entry before it left `previousPath`
   // (kept: the path is not reset per entry, so an entry that assigns nothing
   // inherits it, and a new item of an owner's root folder that is not in the list
-  // is appended to it).
+  // is appended to it). `productFolder` is asked only by the entries whose path
+  // needs it; what it throws ends only those.
   static EntryPlacement of(const RecFileFromTransfer& file, const Value::Array& list,
-                           const std::string& productFolder, const std::string& previousPath);
+                           const std::function<std::string()>& productFolder,
+                           const std::string& previousPath);
 
   // Where the partial file of `target` is kept while it arrives: the same path
   // below the download folder instead of the product folder. A target outside the

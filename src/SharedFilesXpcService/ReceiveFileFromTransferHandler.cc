@@ -86,7 +86,8 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
   static std::mutex passing;
   std::lock_guard onePass(passing);
   try {
-    iAppsPrefs_.refresh();
+    // kept: the application's snapshot is the one taken when this handler was
+    // made (and again by an error report), not one per pass.
     {
       std::lock_guard changing(SharedFilesList::changing());
       setSharedFilesSnapshot(SharedFilesList::loadPacked(UserDefaults::standardUserDefaults()));
@@ -112,8 +113,8 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
 
 void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
                                              std::string& workingPath) {
-  const EntryPlacement placement =
-      EntryPlacement::of(file, sharedFilesDefaultsArray(), productFolderPath(), workingPath);
+  const EntryPlacement placement = EntryPlacement::of(
+      file, sharedFilesDefaultsArray(), [this] { return productFolderPath(); }, workingPath);
   workingPath = placement.workingPath;
   if (placement.builtFromNickName) {
     // The item's folder, or the folder that is to hold it.

@@ -61,7 +61,8 @@ TEST(EntryPlacementTest, LocalPathFollowsTheListAndInheritsThePathOfTheEntryBefo
                                                      {"Blocked", "1"}})};
   const std::string product = "/h/Tallowbox";
   auto placed = [&](const RecFileFromTransfer& file, const std::string& before) {
-    return EntryPlacement::of(file, list, product, before);
+    return EntryPlacement::of(
+        file, list, [&] { return product; }, before);
   };
   // In the owner's root folder, and in a folder of it.
   EXPECT_EQ(placed(received({{"ChangeType", "1"},
@@ -117,6 +118,32 @@ TEST(EntryPlacementTest, LocalPathFollowsTheListAndInheritsThePathOfTheEntryBefo
                    "")
                 .workingPath,
             "/h/Tallowbox/Docs/y");
+}
+
+TEST(EntryPlacementTest, ProductFolderThatCannotBeWorkedOutEndsOnlyTheEntriesThatNeedIt) {
+  const Value::Array list = {Value(Value::Dictionary{
+      {"OwnerFileID", "71"}, {"FileName", "/h/Tallowbox/Ann (Shared)/Docs"}, {"Blocked", "0"}})};
+  auto unusable = []() -> std::string { throw ValueError("tallowboxPathKey holds a number"); };
+  // From the list, and from the server's file table: placed.
+  EXPECT_EQ(EntryPlacement::of(received({{"ChangeType", "1"},
+                                         {"IsOwnerToSubscriber", "1"},
+                                         {"PrevFolderFileID", "71"},
+                                         {"FullPath", "Docs\\b.txt"}}),
+                               list, unusable, "")
+                .workingPath,
+            "/h/Tallowbox/Ann (Shared)/Docs/b.txt");
+  EXPECT_EQ(EntryPlacement::of(received({{"ChangeType", "1"}, {"FullPathFromFileTable", "h\\x"}}),
+                               list, unusable, "")
+                .workingPath,
+            "/h/x");
+  // A path built from the owner's nick name needs the product folder.
+  EXPECT_THROW(EntryPlacement::of(received({{"ChangeType", "1"},
+                                            {"IsOwnerToSubscriber", "1"},
+                                            {"PrevFolderFileID", "99"},
+                                            {"NickName", "Ann"},
+                                            {"FullPath", "\\Held\\d.txt"}}),
+                                  list, unusable, ""),
+               ValueError);
 }
 
 TEST(EntryPlacementTest, PartialFileMirrorsTheTargetBelowTheDownloadFolder) {
