@@ -14,6 +14,11 @@ std::shared_ptr<OperationQueue> RestConnector_Old::operationQueue() const {
   return operationQueue_;
 }
 
+std::shared_ptr<URLConnection> RestConnector_Old::connection() const {
+  std::lock_guard lock(mutex_);
+  return connection_;
+}
+
 void RestConnector_Old::startAsyncTask(const std::string& path, const Params& params,
                                        Progress progress, Finished finished) {
   if (!Reachability::isReachable()) {

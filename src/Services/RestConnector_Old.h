@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/OperationQueue.h"
+#include "Platform/URLConnection.h"
 #include "Services/RestConnector.h"
 
 // The JSON transport of systems older than 10.10: the same request and statuses
@@ -29,11 +30,15 @@ class RestConnector_Old : public std::enable_shared_from_this<RestConnector_Old>
 
   // The queue of the last exchange; nullptr before the first.
   std::shared_ptr<OperationQueue> operationQueue() const;
+  // The connection of an exchange. Declared for it, but the exchange goes through a
+  // session and never sets it: always nullptr.
+  std::shared_ptr<URLConnection> connection() const;
 
  private:
   RestConnector_Old() = default;
 
   mutable std::mutex mutex_;  // guards the members below
   std::shared_ptr<OperationQueue> operationQueue_;
+  std::shared_ptr<URLConnection> connection_;
   Progress progressHandler_;
 };

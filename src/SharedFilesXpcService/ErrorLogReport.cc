@@ -1,6 +1,7 @@
 #include "SharedFilesXpcService/ErrorLogReport.h"
 
 #include "Platform/Readings.h"
+#include "Services/Records/LogErrorResponseData.h"
 #include "Services/RestInterface.h"
 
 void ErrorLogReport::send(const std::string& errorClass, const std::string& errorMethod,

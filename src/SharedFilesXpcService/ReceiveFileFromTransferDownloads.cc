@@ -13,6 +13,8 @@
 #include "Services/DownloadConnection.h"
 #include "Services/JsonBody.h"
 #include "Services/NetWorkConnectionStatus.h"
+#include "Services/Records/DeleteReceivedFileFromTransferResponseData.h"
+#include "Services/Records/UpdateFileReceivedResponseData.h"
 #include "Services/RestInterface.h"
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"

@@ -16,6 +16,7 @@
 #include "Platform/UserDefaults.h"
 #include "Platform/ValueError.h"
 #include "Services/NetWorkConnectionStatus.h"
+#include "Services/Records/UpdateFileReceivedResponseData.h"
 #include "Services/RestInterface.h"
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/EntryPlacement.h"

@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "Services/QueryParser.h"
+#include "Services/Records/CheckFileExistsInTransfersResponseData.h"
+#include "Services/Records/DeleteReceivedFileFromTransferResponseData.h"
 #include "Services/Records/GetSharedFilesTransferDataQuery.h"
+#include "Services/Records/SendPasswordToMailIdResponseData.h"
+#include "Services/Records/UpdateBSSendStreamStartedResponseData.h"
+#include "Services/Records/UpdateFileUploadResponseData.h"
 
 using nlohmann::json;
 
@@ -105,6 +110,30 @@ TEST(DataParserTest, OrdinaryParsersReadOnlyTheirOwnKeys) {
   EXPECT_THROW(DataParser::parseSyncFilesInTableAndCloudResponseData(json({{"a", 1}})),
                std::invalid_argument);
   EXPECT_TRUE(DataParser::parseSyncFilesInTableAndCloudResponseData(json::object()).empty());
+}
+
+TEST(DataParserTest, RepliesOfASharedShapeParseIntoTheirOperationsOwnRecords) {
+  const json reply = {
+      {"ReturnStatus", "1"}, {"ReturnMsg", "m"}, {"ByteStartPos", 7}, {"error", {{"m", 1}}}};
+  const UpdateFileUploadResponseData upload = DataParser::parseUpdateFileUploadResponseData(reply);
+  EXPECT_EQ(upload.returnStatus, json("1"));
+  EXPECT_EQ(upload.error, reply.at("error"));
+  const UpdateBSSendStreamStartedResponseData started =
+      DataParser::parseUpdateBSSendStreamstartedResponseData(reply);
+  EXPECT_EQ(started.returnStatus, json("1"));
+  EXPECT_FALSE(started.error) << "the stream notifications leave error unread";
+  const SendPasswordToMailIdResponseData mail =
+      DataParser::parseSendPasswordToMailIdResponseData(reply);
+  EXPECT_EQ(mail.returnMsg, json("m"));
+  EXPECT_EQ(mail.error, reply.at("error"));
+  const CheckFileExistsInTransfersResponseData held =
+      DataParser::parseCheckFileExistsInTransfersResponseData(reply);
+  EXPECT_EQ(held.byteStartPos, json(7));
+  EXPECT_EQ(held.returnStatus, json("1"));
+  const DeleteReceivedFileFromTransferResponseData deleted =
+      DataParser::parseDeleteReceivedFileFromTransferResponseData(reply);
+  EXPECT_EQ(deleted.ReturnStatus, json("1"));
+  EXPECT_EQ(deleted.error, reply.at("error"));
 }
 
 TEST(QueryParserTest, AbsentPropertiesAreLeftOutAndValuesGoAsTheyAre) {

@@ -108,6 +108,7 @@ TEST_F(RestConnector_OldTest, TheQueuesLastOperationIsCancelledAfterTheHandler) 
   waitUntil([&] { return connector->operationQueue()->operations().empty(); });
   EXPECT_TRUE(connector->operationQueue()->operations().empty());
   EXPECT_FALSE(lateRan);
+  EXPECT_FALSE(connector->connection()) << "the exchange goes through a session";
 }
 
 TEST_F(RestConnector_OldTest, UnknownPlatformErrorNeverCallsFinished) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <concepts>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -10,6 +11,8 @@
 #include "Platform/CurlEngine.h"
 #include "Platform/DispatchQueues.h"
 #include "ReferenceServer.h"
+#include "Services/Records/DeleteReceivedFileFromTransferResponseData.h"
+#include "Services/Records/LogErrorResponseData.h"
 #include "support/ConnectorResults.h"
 #include "support/FixedReachability.h"
 #include "support/LogCapture.h"
@@ -126,19 +129,26 @@ Row row(std::string path, std::string body,
           }};
 }
 
-Fields statusAndError(const ReturnStatusResponseData& r) {
+// The readers of the shapes several operations' records share; each is taken for
+// the operation's own record type.
+template <std::derived_from<ReturnStatusResponseData> Record>
+Fields statusAndError(const Record& r) {
   return {{"ReturnStatus", r.returnStatus}, {"error", r.error}};
 }
-Fields statusNoError(const ReturnStatusResponseData& r) {
+template <std::derived_from<ReturnStatusResponseData> Record>
+Fields statusNoError(const Record& r) {
   return {{"ReturnStatus", r.returnStatus}, {kUnread, r.error}};
 }
-Fields capitalStatus(const UpdateFileRequestResponseData& r) {
+template <std::derived_from<UpdateFileRequestResponseData> Record>
+Fields capitalStatus(const Record& r) {
   return {{"ReturnStatus", r.ReturnStatus}, {"error", r.error}};
 }
-Fields mailReply(const SendActivationMailResponseData& r) {
+template <std::derived_from<SendActivationMailResponseData> Record>
+Fields mailReply(const Record& r) {
   return {{"ReturnStatus", r.returnStatus}, {"ReturnMsg", r.returnMsg}, {"error", r.error}};
 }
-Fields byteStart(const CheckFileExistsInDownloadsResponseData& r) {
+template <std::derived_from<CheckFileExistsInDownloadsResponseData> Record>
+Fields byteStart(const Record& r) {
   return {{"ByteStartPos", r.byteStartPos}, {"ReturnStatus", r.returnStatus}};
 }
 Fields bareStatus(const WireValue& value) { return {{"ReturnStatus", value}}; }

@@ -10,6 +10,8 @@
 // their own names, each value exactly as the reply held it; a property the reply
 // did not fill is left out (JSON null stays null). A list of records is an array;
 // a bare status value is that value (null when the reply had none).
+// An operation's own record that shares another's shape (a status and an error,
+// say) reads as that record does.
 class RecordJson {
  public:
   static nlohmann::json describe(const UserRegistrationResponseData& record);

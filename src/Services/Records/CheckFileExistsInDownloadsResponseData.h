@@ -2,10 +2,9 @@
 
 #include "Services/Records/WireValue.h"
 
-// How much of a file the server already holds. These replies carry no error entry.
+// The reply to CheckFileExistsInDownloads: how much of a file the server already
+// holds. These replies (CheckFileExistsInTransfers' too) carry no error entry.
 struct CheckFileExistsInDownloadsResponseData {
   WireValue returnStatus;
   WireValue byteStartPos;
 };
-
-using CheckFileExistsInTransfersResponseData = CheckFileExistsInDownloadsResponseData;

@@ -2,11 +2,10 @@
 
 #include "Services/Records/WireValue.h"
 
-// The reply to a request that sends a mail (activation mail, password mail).
+// The reply to SendActivationMail: a status, its message and an error. The
+// password mail's reply (SendPasswordToMailIdResponseData) has the same shape.
 struct SendActivationMailResponseData {
   WireValue returnStatus;
   WireValue returnMsg;
   WireValue error;
 };
-
-using SendPasswordToMailIdResponseData = SendActivationMailResponseData;

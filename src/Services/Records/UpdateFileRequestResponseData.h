@@ -2,11 +2,9 @@
 
 #include "Services/Records/WireValue.h"
 
-// A reply of a status alone, under the capitalised `ReturnStatus`.
+// The reply to UpdateFileRequest: a status alone, under the capitalised
+// `ReturnStatus`, and an error. The replies about received files share its shape.
 struct UpdateFileRequestResponseData {
   WireValue ReturnStatus;
   WireValue error;
 };
-
-using UpdateFileReceivedResponseData = UpdateFileRequestResponseData;
-using DeleteReceivedFileFromTransferResponseData = UpdateFileRequestResponseData;
