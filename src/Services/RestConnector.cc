@@ -140,7 +140,8 @@ void RestConnector::reportJsonAnswer(const std::string& data,
   if (error) {
     Log::printf("error code ....%s", error->description().c_str());
     if (error->code() == -1) {
-      // The platform's "unknown" error: deliberately no report at all.
+      // kept: the platform's "unknown" error reports nothing at all; the
+      // caller's handler is never called.
       Log::line("error code at rest connector strt async task......");
       return;
     }

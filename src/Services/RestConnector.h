@@ -18,9 +18,9 @@
 // reachable; without it the handler gets status 1 at once, on the caller's thread,
 // and no task is made. An encoding failure is also reported at once (status 4).
 //
-// The session set-up used by each exchange is fixed and crosswise on purpose
-// (the JSON exchange runs on the download set-up, the raw-answer exchange on the
-// data set-up); keep it as it is. The progress block is stored and never called.
+// kept: the session set-up used by each exchange is crosswise (the JSON exchange
+// runs on the download set-up, the raw-answer exchange on the data set-up); the
+// server has only ever seen requests made so. The progress block is stored and never called.
 class RestConnector : public URLSessionDelegate,
                       public std::enable_shared_from_this<RestConnector> {
  public:
@@ -28,7 +28,8 @@ class RestConnector : public URLSessionDelegate,
   using Progress = std::function<void(double)>;
   using Finished = std::function<void(const ConnectorResult& result, int status)>;
   // The raw-answer exchange: the response, then the bytes on success or the error
-  // on failure (deliberately one overloaded object), then the status.
+  // on failure (kept: one overloaded object, as its callers read it), then the
+  // status.
   using FinishedWithResponse = std::function<void(const std::optional<URLResponse>& response,
                                                   const ConnectorResult& result, int status)>;
 

@@ -121,7 +121,8 @@ void SharedFilesXpcService::transferDataArrived(
   }
   Log::printf("owner finished %lu", static_cast<unsigned long>(data.OwnerComputersArray.size()));
   // Owners first, then folder states, both before any pass reads the list.
-  // Their exceptions are dropped: the cycle goes on.
+  // kept: their exceptions are dropped silently, and so are the send pass's; the
+  // cycle goes on.
   if (!data.OwnerComputersArray.empty()) {
     try {
       ProcessOwnerComputers(data.OwnerComputersArray);
@@ -261,9 +262,11 @@ Value SharedFilesXpcService::newRootFolder(const OwnerComputers& owner,
   }
   const std::string free = ServicesUtilities::checkDuplicateAndCreate(wanted, productFolder);
   if (!product.exists(free)) {
+    // kept: a folder that cannot be made is ignored; the entry is recorded all
+    // the same and the pass goes on.
     try {
       product.createDirectories(free);
-    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): ignored, as ever
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch)
     }
   }
   // kept: the entry names the wanted path and its file number even when a folder
