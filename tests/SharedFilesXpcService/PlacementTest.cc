@@ -59,10 +59,9 @@ TEST(EntryPlacementTest, LocalPathFollowsTheListAndInheritsThePathOfTheEntryBefo
                                                      {"UserComputerMapID", "M1"},
                                                      {"FileName", "/h/Tallowbox/Ann (Shared)/Held"},
                                                      {"Blocked", "1"}})};
-  const std::string product = "/h/Tallowbox";
+  auto product = []() -> std::string { return "/h/Tallowbox"; };
   auto placed = [&](const RecFileFromTransfer& file, const std::string& before) {
-    return EntryPlacement::of(
-        file, list, [&] { return product; }, before);
+    return EntryPlacement::of(file, list, product, before);
   };
   // In the owner's root folder, and in a folder of it.
   EXPECT_EQ(placed(received({{"ChangeType", "1"},
