@@ -1,7 +1,11 @@
 #include "Platform/PackedValue.h"
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -9,16 +13,62 @@
 #include <vector>
 
 // The bytes: each value is a tag, then what that kind needs; a length, a count or
-// an index is an unsigned LEB128 number. A dictionary key is written once: the
-// first time as its text, later as the number of its first appearance, so the
-// keys every entry of a list repeats take a byte or two each. File handles cannot
-// be bytes: they stay beside them, each named by its place in `handles`.
+// an index is an unsigned LEB128 number. A dictionary key is written as its
+// number in the process's table of key names, so the keys every entry of a list
+// repeats take a byte or two each, and a value's bytes mean the same wherever
+// they lie; a key the table does not take is written as its text. File handles
+// cannot be bytes: they stay beside them, each named by its place in `handles`.
 struct PackedValue::Packed {
   std::string bytes;
   std::vector<Value::Handle> handles;
 };
 
 namespace {
+
+// The names of dictionary keys, each numbered at its first use in the process
+// and kept for as long as it runs. Only short names, and a bounded number of
+// them: a preference file with endless distinct keys costs a fixed table, and
+// the rest are packed as their text.
+class KeyNames {
+ public:
+  static constexpr std::size_t kMost = 4096;
+  static constexpr std::size_t kLongest = 64;
+
+  // The number of `name`, numbered now if it has none; nullopt when the table
+  // does not take it.
+  std::optional<std::size_t> number(std::string_view name) {
+    if (name.size() > kLongest) return std::nullopt;
+    std::lock_guard lock(mutex_);
+    if (auto known = numbers_.find(name); known != numbers_.end()) return known->second;
+    const std::size_t next = count_.load(std::memory_order_relaxed);
+    if (next == kMost) return std::nullopt;
+    const auto* kept = new std::string(name);  // kept for as long as the process runs
+    names_[next] = kept;
+    numbers_.emplace(*kept, next);
+    count_.store(next + 1, std::memory_order_release);
+    return next;
+  }
+
+  // The name numbered `number`; read without a lock, as names are only added.
+  std::string_view name(std::size_t number) const {
+    if (number >= count_.load(std::memory_order_acquire)) {
+      throw std::logic_error("a packed value names a key that has no number");
+    }
+    return *names_[number];
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<std::string_view, std::size_t> numbers_;  // guarded by mutex_
+  std::array<const std::string*, kMost> names_{};              // each written once, before count_
+  std::atomic<std::size_t> count_{0};
+};
+
+// Never destroyed: values may be packed while the process exits.
+KeyNames& keyNames() {
+  static auto* names = new KeyNames;
+  return *names;
+}
 
 enum Tag : char {
   kString = 's',
@@ -42,9 +92,14 @@ class Writer {
       : bytes_(bytes), handles_(handles) {}
 
   void array(const Value::Array& array) {
-    tag(kArray);
-    count(array.size());
+    arrayHeader(array.size());
     for (const Value& element : array) value(element);
+  }
+
+  // An array's tag and count: its elements follow.
+  void arrayHeader(std::size_t count) {
+    tag(kArray);
+    this->count(count);
   }
 
   void value(const Value& value) {
@@ -106,15 +161,19 @@ class Writer {
     count(text.size());
     bytes_.append(text);
   }
-  // Twice the key's first appearance plus one, or twice its length and its text.
+  // Twice the key's number plus one, or twice its length and its text.
   void key(const std::string& name) {
-    if (auto seen = keys_.find(name); seen != keys_.end()) {
-      count(seen->second * 2 + 1);
-      return;
+    auto seen = numbers_.find(name);
+    if (seen == numbers_.end()) {
+      const std::optional<std::size_t> number = keyNames().number(name);
+      if (!number) {
+        count(name.size() * 2);
+        bytes_.append(name);
+        return;
+      }
+      seen = numbers_.emplace(name, *number).first;
     }
-    keys_.emplace(name, keys_.size());
-    count(name.size() * 2);
-    bytes_.append(name);
+    count(seen->second * 2 + 1);
   }
   template <class Number>
   void raw(Number number) {
@@ -139,15 +198,17 @@ class Writer {
 
   std::string& bytes_;
   std::vector<Value::Handle>& handles_;
-  // The keys written so far (they live in the value being packed), by their order.
-  std::unordered_map<std::string_view, std::size_t> keys_;
+  // The numbers of the keys written so far (they live in the value being
+  // packed), without asking the table again.
+  std::unordered_map<std::string_view, std::size_t> numbers_;
 };
 
 // Reads the bytes in order: tags, counts, texts and raw numbers.
 class Cursor {
  public:
-  explicit Cursor(const std::string& bytes) : bytes_(bytes) {}
+  explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
 
+  std::size_t at() const { return at_; }
   const char* take(std::size_t n) {
     if (n > bytes_.size() - at_) throw std::logic_error("a packed value ends early");
     const char* taken = bytes_.data() + at_;
@@ -169,15 +230,56 @@ class Cursor {
     std::memcpy(&number, take(sizeof number), sizeof number);
     return number;
   }
+  // A key's name: from the table, or the text written in its place.
+  std::string_view key() {
+    const std::size_t n = count();
+    if ((n & 1U) != 0) return keyNames().name(n / 2);
+    return {take(n / 2), n / 2};
+  }
+  // Passes over one value.
+  void skip() {
+    switch (static_cast<Tag>(next())) {
+      case kString:
+      case kData:
+        take(count());
+        return;
+      case kFalse:
+      case kTrue:
+      case kNull:
+        return;
+      case kSigned:
+      case kUnsigned:
+      case kReal:
+      case kDate:
+        take(sizeof(double));
+        return;
+      case kArray:
+        for (std::size_t n = count(); n > 0; --n) skip();
+        return;
+      case kDictionary:
+        for (std::size_t n = count(); n > 0; --n) {
+          key();
+          skip();
+        }
+        return;
+      case kHandle:
+        count();
+        return;
+      case kUuid:
+        take(sizeof(Value::Uuid));
+        return;
+    }
+    throw std::logic_error("a packed value holds an unknown tag");
+  }
 
  private:
-  const std::string& bytes_;
+  std::string_view bytes_;
   std::size_t at_ = 0;
 };
 
 class Reader : Cursor {
  public:
-  Reader(const std::string& bytes, const std::vector<Value::Handle>& handles)
+  Reader(std::string_view bytes, const std::vector<Value::Handle>& handles)
       : Cursor(bytes), handles_(handles) {}
 
   Value value() {
@@ -210,7 +312,7 @@ class Reader : Cursor {
         Value::Dictionary dictionary;
         // Packed in key order, so each key goes at the end.
         for (std::size_t n = count(); n > 0; --n) {
-          std::string name = key();
+          std::string name(key());
           dictionary.emplace_hint(dictionary.end(), std::move(name), value());
         }
         return Value(std::move(dictionary));
@@ -233,20 +335,13 @@ class Reader : Cursor {
     const std::size_t n = count();
     return {take(n), n};
   }
-  std::string key() {
-    const std::size_t n = count();
-    if ((n & 1U) != 0) return keys_.at(n / 2);
-    const char* at = take(n / 2);
-    return keys_.emplace_back(at, n / 2);
-  }
   const std::vector<Value::Handle>& handles_;
-  std::vector<std::string> keys_;  // by first appearance
 };
 
 // Walks the bytes for a Visitor, as Reader does for a tree.
 class Walker : Cursor {
  public:
-  Walker(const std::string& bytes, PackedValue::Visitor& visitor)
+  Walker(std::string_view bytes, PackedValue::Visitor& visitor)
       : Cursor(bytes), visitor_(visitor) {}
 
   void value() {
@@ -312,13 +407,7 @@ class Walker : Cursor {
   }
 
  private:
-  std::string_view key() {
-    const std::size_t n = count();
-    if ((n & 1U) != 0) return keys_.at(n / 2);
-    return keys_.emplace_back(take(n / 2), n / 2);
-  }
   PackedValue::Visitor& visitor_;
-  std::vector<std::string_view> keys_;  // by first appearance, in the bytes
 };
 }  // namespace
 
@@ -338,14 +427,22 @@ std::shared_ptr<const PackedValue::Packed> pack(const Write& write) {
 }  // namespace
 
 PackedValue::PackedValue(const Value& value)
-    : packed_(pack([&](Writer& writer) { writer.value(value); })) {}
+    : packed_(pack([&](Writer& writer) { writer.value(value); })), length_(packed_->bytes.size()) {}
 
 PackedValue::PackedValue(const Value::Array& array)
-    : packed_(pack([&](Writer& writer) { writer.array(array); })) {}
+    : packed_(pack([&](Writer& writer) { writer.array(array); })), length_(packed_->bytes.size()) {}
+
+std::string_view PackedValue::bytes() const {
+  if (!packed_) return {};
+  return std::string_view(packed_->bytes).substr(offset_, length_);
+}
+
+// The handles of the whole value these bytes lie in: a part of it may name any.
+bool PackedValue::holdsHandles() const { return packed_ && !packed_->handles.empty(); }
 
 Value PackedValue::unpacked() const {
   if (!packed_) return {};
-  return Reader(packed_->bytes, packed_->handles).value();
+  return Reader(bytes(), packed_->handles).value();
 }
 
 Value::Array PackedValue::unpackedArray() const {
@@ -354,8 +451,9 @@ Value::Array PackedValue::unpackedArray() const {
 }
 
 Value::Kind PackedValue::kind() const {
-  if (!packed_ || packed_->bytes.empty()) return Value::Kind::kString;
-  switch (static_cast<Tag>(packed_->bytes.front())) {
+  const std::string_view packed = bytes();
+  if (packed.empty()) return Value::Kind::kString;
+  switch (static_cast<Tag>(packed.front())) {
     case kString:
       return Value::Kind::kString;
     case kFalse:
@@ -385,7 +483,7 @@ Value::Kind PackedValue::kind() const {
 std::size_t PackedValue::count() const {
   const Value::Kind held = kind();
   if (held != Value::Kind::kArray && held != Value::Kind::kDictionary) return 0;
-  Cursor cursor(packed_->bytes);
+  Cursor cursor(bytes());
   cursor.next();
   return cursor.count();
 }
@@ -395,13 +493,85 @@ void PackedValue::visit(Visitor& visitor) const {
     visitor.string("");
     return;
   }
-  Walker(packed_->bytes, visitor).value();
+  Walker(bytes(), visitor).value();
 }
 
-std::size_t PackedValue::size() const { return packed_ ? packed_->bytes.size() : 0; }
+std::size_t PackedValue::size() const { return length_; }
+
+std::vector<PackedValue> PackedValue::elements() const {
+  std::vector<PackedValue> elements;
+  if (kind() != Value::Kind::kArray) return elements;
+  Cursor cursor(bytes());
+  cursor.next();
+  const std::size_t n = cursor.count();
+  elements.reserve(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::size_t from = cursor.at();
+    cursor.skip();
+    elements.push_back(PackedValue(packed_, offset_ + from, cursor.at() - from));
+  }
+  return elements;
+}
+
+PackedValue PackedValue::array(const std::vector<PackedValue>& elements) {
+  // Handles are numbered by the value that holds them: such elements are packed
+  // again, together.
+  if (std::any_of(elements.begin(), elements.end(),
+                  [](const PackedValue& element) { return element.holdsHandles(); })) {
+    Value::Array values;
+    values.reserve(elements.size());
+    for (const PackedValue& element : elements) values.push_back(element.unpacked());
+    return PackedValue(values);
+  }
+  // Nothing packed is an empty string.
+  constexpr std::string_view kEmptyString("s\0", 2);
+  std::size_t total = 0;
+  for (const PackedValue& element : elements) {
+    total += element.packed_ ? element.size() : kEmptyString.size();
+  }
+  auto packed = std::make_shared<Packed>();
+  std::vector<Value::Handle> none;
+  Writer writer(packed->bytes, none);
+  packed->bytes.reserve(total + 11);
+  writer.arrayHeader(elements.size());
+  for (const PackedValue& element : elements) {
+    packed->bytes += element.packed_ ? element.bytes() : kEmptyString;
+  }
+  const std::size_t length = packed->bytes.size();
+  return PackedValue(std::move(packed), 0, length);
+}
+
+std::optional<PackedValue> PackedValue::objectForKey(std::string_view key) const {
+  if (kind() != Value::Kind::kDictionary) return std::nullopt;
+  Cursor cursor(bytes());
+  cursor.next();
+  for (std::size_t n = cursor.count(); n > 0; --n) {
+    const std::string_view name = cursor.key();
+    const std::size_t from = cursor.at();
+    cursor.skip();
+    if (name == key) return PackedValue(packed_, offset_ + from, cursor.at() - from);
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string_view> PackedValue::text() const {
+  if (kind() != Value::Kind::kString) return std::nullopt;
+  if (!packed_) return std::string_view();
+  Cursor cursor(bytes());
+  cursor.next();
+  const std::size_t n = cursor.count();
+  return std::string_view(cursor.take(n), n);
+}
+
+bool PackedValue::mayHold(std::string_view text) const {
+  return bytes().find(text) != std::string_view::npos;
+}
 
 bool PackedValue::operator==(const PackedValue& other) const {
-  if (packed_ == other.packed_) return true;
-  if (!packed_ || !other.packed_) return size() == 0 && other.size() == 0;
-  return packed_->bytes == other.packed_->bytes && packed_->handles == other.packed_->handles;
+  if (packed_ == other.packed_ && offset_ == other.offset_ && length_ == other.length_) {
+    return true;
+  }
+  if (bytes() != other.bytes()) return false;
+  if (!holdsHandles() && !other.holdsHandles()) return true;
+  return unpacked() == other.unpacked();
 }

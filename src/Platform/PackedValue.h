@@ -5,9 +5,11 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Value.h"
 
@@ -18,6 +20,13 @@
 // that grows by one entry per file received costs the process little for as long
 // as it runs. Packing and unpacking are each one pass over the value; copies share
 // the bytes, and nothing changes them once packed.
+//
+// A packed value stands on its own wherever it lies: dictionary keys are numbered
+// once for the whole process, not per value. So an array's element, or a
+// dictionary's value, is read in place as a value of its own (sharing the bytes),
+// and an array is made of elements packed apart by joining their bytes: a pass
+// reads one field of each entry of a long list, or changes one entry, without
+// unpacking the others.
 class PackedValue {
  public:
   // A dictionary whose values are kept packed, as a preference suite is held.
@@ -61,6 +70,19 @@ class PackedValue {
   // The bytes the packed value takes (file handles aside, which are shared).
   std::size_t size() const;
 
+  // An array's elements, each read in place; empty for other kinds.
+  std::vector<PackedValue> elements() const;
+  // A packed array of `elements`, in order.
+  static PackedValue array(const std::vector<PackedValue>& elements);
+  // A dictionary's value under `key`, read in place; nullopt when the key is
+  // absent or this is no dictionary.
+  std::optional<PackedValue> objectForKey(std::string_view key) const;
+  // The text of a packed string; nullopt for other kinds.
+  std::optional<std::string_view> text() const;
+  // Whether `text` occurs anywhere in the bytes: every text the value holds does,
+  // so a value without it cannot hold it.
+  bool mayHold(std::string_view text) const;
+
   // The same bytes and the same file handles. Two values packed to the same bytes
   // are equal; equal values of other types (1 and true) pack to other bytes.
   bool operator==(const PackedValue& other) const;
@@ -69,5 +91,14 @@ class PackedValue {
   struct Packed;
 
  private:
+  PackedValue(std::shared_ptr<const Packed> packed, std::size_t offset, std::size_t length)
+      : packed_(std::move(packed)), offset_(offset), length_(length) {}
+  std::string_view bytes() const;
+  bool holdsHandles() const;
+
   std::shared_ptr<const Packed> packed_;
+  // Where this value's bytes lie in packed_'s: all of them, or one element or
+  // field of the value packed there.
+  std::size_t offset_ = 0;
+  std::size_t length_ = 0;
 };

@@ -176,6 +176,20 @@ bool evaluate(const Node& node, const Value::Dictionary& object,
   return text != nullptr && prefix != nullptr && beginsWithIgnoringCase(*text, *prefix);
 }
 
+// Adds the text arguments of the comparisons under `node` to `texts`; false when
+// a comparison under it is not `==`.
+bool collectTexts(const Node& node, const std::vector<Predicate::Argument>& arguments,
+                  std::vector<std::string_view>& texts) {
+  if (node.type == Node::Type::kAnd) {
+    return collectTexts(*node.left, arguments, texts) &&
+           collectTexts(*node.right, arguments, texts);
+  }
+  if (node.type != Node::Type::kEquals) return false;
+  const Predicate::Argument& argument = arguments[node.argument];
+  if (argument && argument->string() != nullptr) texts.emplace_back(*argument->string());
+  return true;
+}
+
 }  // namespace
 
 Predicate::Predicate(std::string_view format, std::vector<Argument> arguments)
@@ -199,4 +213,10 @@ Value::Array Predicate::filteredArray(const Value::Array& array) const {
     if (evaluateWithObject(element)) result.push_back(element);
   }
   return result;
+}
+
+std::vector<std::string_view> Predicate::textsRequired() const {
+  std::vector<std::string_view> texts;
+  if (!collectTexts(*root_, arguments_, texts)) texts.clear();
+  return texts;
 }

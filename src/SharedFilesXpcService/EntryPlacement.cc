@@ -7,7 +7,6 @@
 #include "Platform/Readings.h"
 #include "Platform/ValueError.h"
 #include "Services/ServicesUtilities.h"
-#include "SharedFilesXpcService/SharedFilesList.h"
 
 namespace {
 
@@ -21,11 +20,11 @@ std::string textOf(const Value& entry, const char* key) {
 }
 
 // The "FileName" of the first entry of `list` matching `format`.
-std::optional<std::string> firstName(const Value::Array& list, const char* format,
+std::optional<std::string> firstName(const SharedFilesEntries& list, const char* format,
                                      std::vector<Predicate::Argument> arguments) {
-  Value::Array found = SharedFilesList::filter(list, format, std::move(arguments));
+  const std::vector<std::size_t> found = list.positions(format, std::move(arguments));
   if (found.empty()) return std::nullopt;
-  return textOf(found.front(), "FileName");
+  return textOf(list.entry(found.front()), "FileName");
 }
 
 }  // namespace
@@ -38,7 +37,7 @@ std::string EntryPlacement::local(const WireValue& path) {
   return text;
 }
 
-EntryPlacement EntryPlacement::of(const RecFileFromTransfer& file, const Value::Array& list,
+EntryPlacement EntryPlacement::of(const RecFileFromTransfer& file, const SharedFilesEntries& list,
                                   const std::function<std::string()>& productFolder,
                                   const std::string& previousPath) {
   EntryPlacement placement{previousPath};

@@ -5,6 +5,7 @@
 
 #include "Platform/Value.h"
 #include "Services/Records/RecFileFromTransfer.h"
+#include "SharedFilesXpcService/SharedFilesEntries.h"
 
 // Where one received entry lives on this computer, worked out from the entry, the
 // shared-files list and the product folder alone: nothing here touches the disk
@@ -22,7 +23,7 @@ struct EntryPlacement {
   // inherits it, and a new item of an owner's root folder that is not in the list
   // is appended to it). `productFolder` is asked only by the entries whose path
   // needs it; what it throws ends only those.
-  static EntryPlacement of(const RecFileFromTransfer& file, const Value::Array& list,
+  static EntryPlacement of(const RecFileFromTransfer& file, const SharedFilesEntries& list,
                            const std::function<std::string()>& productFolder,
                            const std::string& previousPath);
 

@@ -115,7 +115,7 @@ void ReceiveFileFromTransferHandler::recFileFromTransfer(
 void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
                                              std::string& workingPath) {
   const EntryPlacement placement = EntryPlacement::of(
-      file, sharedFilesDefaultsArray(), [this] { return productFolderPath(); }, workingPath);
+      file, sharedFilesEntries(), [this] { return productFolderPath(); }, workingPath);
   workingPath = placement.workingPath;
   if (placement.builtFromNickName) {
     // The item's folder, or the folder that is to hold it.
@@ -148,11 +148,9 @@ void ReceiveFileFromTransferHandler::receive(const RecFileFromTransfer& file,
 
 void ReceiveFileFromTransferHandler::receiveAddition(const RecFileFromTransfer& file,
                                                      const std::string& workingPath) {
-  const Value::Array list = sharedFilesDefaultsArray();
+  const SharedFilesEntries list = sharedFilesEntries();
   const Predicate::Argument ownerFileId = Readings::objectValue(file.ownerFileId);
-  if (!SharedFilesList::filter(list, "(OwnerFileID == %@ AND MyFile == %@)",
-                               {ownerFileId, Value("1")})
-           .empty()) {
+  if (!list.positions("(OwnerFileID == %@ AND MyFile == %@)", {ownerFileId, Value("1")}).empty()) {
     // The item came from this computer: only acknowledged.
     Log::line("Connection Available......");  // kept: logged before the test
     if (NetWorkConnectionStatus::ConectionStatus()) {
@@ -174,9 +172,8 @@ void ReceiveFileFromTransferHandler::receiveAddition(const RecFileFromTransfer& 
     return;
   }
   const std::string product = productFolderPath();
-  const bool unblocked = !SharedFilesList::filter(list, "(OwnerFileID == %@) AND (Blocked == %@)",
-                                                  {ownerFileId, Value("0")})
-                              .empty();
+  const bool unblocked =
+      !list.positions("(OwnerFileID == %@) AND (Blocked == %@)", {ownerFileId, Value("0")}).empty();
   const std::string target =
       unblocked ? ServicesUtilities::checkDuplicateAndCreate(workingPath, product) : workingPath;
   std::shared_ptr<Download> download;
@@ -333,9 +330,9 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
       parent + "/" + PathNames::lastPathComponent(EntryPlacement::local(file.fullPath));
   std::string to =
       parent + "/" + PathNames::lastPathComponent(EntryPlacement::local(file.fullPathNew));
-  Value::Array list = sharedFilesDefaultsArray();
-  if (!SharedFilesList::filter(list, "(OwnerFileID == %@ AND MyFile == %@ AND FileName == %@)",
-                               {Readings::objectValue(file.ownerFileId), Value("1"), Value(to)})
+  if (!sharedFilesEntries()
+           .positions("(OwnerFileID == %@ AND MyFile == %@ AND FileName == %@)",
+                      {Readings::objectValue(file.ownerFileId), Value("1"), Value(to)})
            .empty()) {
     acknowledge(file.sharedFileTransferId);
     return;
@@ -345,29 +342,25 @@ void ReceiveFileFromTransferHandler::receiveRename(const RecFileFromTransfer& fi
   const ConfinedFolder folder(product);
   ignoringErrors([&] { folder.move(from, folder, to); });
   std::lock_guard changing(SharedFilesList::changing());
-  list = sharedFilesDefaultsArray();
+  SharedFilesEntries list = sharedFilesEntries();
   // kept: the entries renamed are those of the working path, not of the old name.
-  for (const Value& entry : SharedFilesList::filter(list, "FileName == %@", {Value(workingPath)})) {
-    SharedFilesList::setValueOfEntry(list, entry, "FileName", to);
+  for (std::size_t position : list.positions("FileName == %@", {Value(workingPath)})) {
+    list.setText(position, "FileName", to);
   }
-  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
-                               setSharedFilesDefaultsArray(list));
+  storeSharedFiles(list);
 }
 
 void ReceiveFileFromTransferHandler::receiveDelete(const RecFileFromTransfer& file,
                                                    const std::string& workingPath) {
   std::lock_guard changing(SharedFilesList::changing());
-  Value::Array list = sharedFilesDefaultsArray();
+  SharedFilesEntries list = sharedFilesEntries();
   const char* format = Readings::isEqualToString(file.isFile, "True") ? "FileName == %@"
                                                                       : "FileName BEGINSWITH[c] %@";
-  Value::Array gone = SharedFilesList::filter(list, format, {Value(workingPath)});
-  std::erase_if(list, [&](const Value& entry) {
-    return std::find(gone.begin(), gone.end(), entry) != gone.end();
-  });
+  // Every entry equal to a matching one matches too: the matching ones go.
+  list.erase(list.positions(format, {Value(workingPath)}));
   const ConfinedFolder folder(productFolderPath());
   if (exists(folder, workingPath)) ignoringErrors([&] { folder.remove(workingPath); });
-  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
-                               setSharedFilesDefaultsArray(list));
+  storeSharedFiles(list);
 }
 
 void ReceiveFileFromTransferHandler::acknowledge(const WireValue& transfer) {
@@ -443,7 +436,7 @@ void ReceiveFileFromTransferHandler::savePreFerences(const RecFileFromTransfer& 
                                                      const std::string& path) {
   std::lock_guard changing(SharedFilesList::changing());
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
-  Value::Array list = SharedFilesList::load(defaults);
+  SharedFilesEntries list(SharedFilesList::loadPacked(defaults));
   Value::Dictionary entry;
   entry["OwnerFileID"] = Readings::listValue(file.ownerFileId);
   entry["UserComputerMapID"] = Readings::listValue(file.userComputerId);
@@ -453,8 +446,8 @@ void ReceiveFileFromTransferHandler::savePreFerences(const RecFileFromTransfer& 
   entry["Blocked"] = "0";
   entry["DeleteKey"] = "0";
   entry["SavedFileID"] = Readings::listValue(file.savedFileId);
-  list.emplace_back(std::move(entry));
-  SharedFilesList::storePacked(defaults, setSharedFilesDefaultsArray(list));
+  list.append(Value(std::move(entry)));
+  storeSharedFiles(list);
   defaults.synchronize();
 }
 
@@ -464,14 +457,10 @@ void ReceiveFileFromTransferHandler::updateFileID(const std::string& path) {
     throw std::system_error(errno, std::generic_category(), "no file number for " + path);
   }
   std::lock_guard changing(SharedFilesList::changing());
-  Value::Array list = sharedFilesDefaultsArray();
-  Value::Array named = SharedFilesList::filter(list, "(FileName == %@)", {Value(path)});
-  if (!named.empty()) {
-    SharedFilesList::setValueOfEntry(list, named.front(), "FileID",
-                                     std::to_string(attributes.st_ino));
-  }
-  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
-                               setSharedFilesDefaultsArray(list));
+  SharedFilesEntries list = sharedFilesEntries();
+  const std::vector<std::size_t> named = list.positions("(FileName == %@)", {Value(path)});
+  if (!named.empty()) list.setText(named.front(), "FileID", std::to_string(attributes.st_ino));
+  storeSharedFiles(list);
 }
 
 void ReceiveFileFromTransferHandler::clearTemp(const std::string& path) {
@@ -536,6 +525,17 @@ PackedValue ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(const Va
   PackedValue packed(list);
   setSharedFilesSnapshot(packed);
   return packed;
+}
+
+SharedFilesEntries ReceiveFileFromTransferHandler::sharedFilesEntries() const {
+  std::lock_guard lock(mutex_);
+  return SharedFilesEntries(sharedFilesDefaultsArray_);
+}
+
+void ReceiveFileFromTransferHandler::storeSharedFiles(const SharedFilesEntries& list) {
+  const PackedValue packed = list.packed();
+  setSharedFilesSnapshot(packed);
+  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(), packed);
 }
 
 void ReceiveFileFromTransferHandler::setSharedFilesSnapshot(PackedValue list) {

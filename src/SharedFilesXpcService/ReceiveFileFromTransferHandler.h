@@ -20,6 +20,7 @@
 #include "SharedFilesXpcService/ApplicationPreferences.h"
 #include "SharedFilesXpcService/Download.h"
 #include "SharedFilesXpcService/ReceiveFileFromTransferDelegate.h"
+#include "SharedFilesXpcService/SharedFilesEntries.h"
 #include "SharedFilesXpcService/TransferClaims.h"
 
 // Receives the files the server has for this computer and places them in the
@@ -112,6 +113,10 @@ class ReceiveFileFromTransferHandler
   PackedValue setSharedFilesDefaultsArray(const Value::Array& list);
   // The same for a list already packed.
   void setSharedFilesSnapshot(PackedValue list);
+  // The snapshot's entries, read in place.
+  SharedFilesEntries sharedFilesEntries() const;
+  // Keeps `list` as the snapshot and stores it as the shared-files list.
+  void storeSharedFiles(const SharedFilesEntries& list);
   std::string productFolderPath() const;
 
   // One entry of a pass; `workingPath` carries over from the entry before.

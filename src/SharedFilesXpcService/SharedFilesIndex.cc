@@ -2,10 +2,15 @@
 
 #include "Platform/ValueError.h"
 
-SharedFilesIndex::SharedFilesIndex(const Value::Array& list, std::string key)
+SharedFilesIndex::SharedFilesIndex(const SharedFilesEntries& list, std::string key)
     : key_(std::move(key)) {
   for (std::size_t position = 0; position < list.size(); ++position) {
-    added(position, list[position]);
+    const std::optional<PackedValue> value = list.field(position, key_);
+    if (!value) {
+      withoutKey_.push_back(position);
+    } else if (const std::optional<std::string_view> text = value->text()) {
+      byText_[std::string(*text)].push_back(position);
+    }
   }
 }
 
@@ -22,7 +27,7 @@ void SharedFilesIndex::added(std::size_t position, const Value& entry) {
   }
 }
 
-std::vector<std::size_t> SharedFilesIndex::positions(const Value::Array& list,
+std::vector<std::size_t> SharedFilesIndex::positions(const SharedFilesEntries& list,
                                                      const Predicate::Argument& value) const {
   if (!value) return withoutKey_;
   if (const std::string* text = value->string()) {
@@ -30,10 +35,5 @@ std::vector<std::size_t> SharedFilesIndex::positions(const Value::Array& list,
     return found == byText_.end() ? std::vector<std::size_t>() : found->second;
   }
   // A number or another kind never equals text: only a scan can tell.
-  const Predicate equal("(" + key_ + " == %@)", {value});
-  std::vector<std::size_t> found;
-  for (std::size_t position = 0; position < list.size(); ++position) {
-    if (equal.evaluateWithObject(list[position])) found.push_back(position);
-  }
-  return found;
+  return list.positions("(" + key_ + " == %@)", {value});
 }

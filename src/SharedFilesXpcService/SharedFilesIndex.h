@@ -7,6 +7,7 @@
 
 #include "Platform/Predicate.h"
 #include "Platform/Value.h"
+#include "SharedFilesXpcService/SharedFilesEntries.h"
 
 // The positions of a shared-files list's entries by the value of one key, so that
 // a pass finds an id's entries without scanning the whole list for each id. It
@@ -17,11 +18,11 @@ class SharedFilesIndex {
  public:
   // Throws ValueError when an entry is not a dictionary, as a predicate over the
   // list does.
-  SharedFilesIndex(const Value::Array& list, std::string key);
+  SharedFilesIndex(const SharedFilesEntries& list, std::string key);
 
   // The positions in `list` (the list the index was made of, changed only by
   // appending entries that were added) whose key equals `value`, in list order.
-  std::vector<std::size_t> positions(const Value::Array& list,
+  std::vector<std::size_t> positions(const SharedFilesEntries& list,
                                      const Predicate::Argument& value) const;
   // Takes in the entry just appended at `position`.
   void added(std::size_t position, const Value& entry);

@@ -17,6 +17,7 @@
 #include "Services/ServicesUtilities.h"
 #include "SharedFilesXpcService/ErrorLogReport.h"
 #include "SharedFilesXpcService/ServiceFolders.h"
+#include "SharedFilesXpcService/SharedFilesEntries.h"
 #include "SharedFilesXpcService/SharedFilesIndex.h"
 #include "SharedFilesXpcService/SharedFilesList.h"
 #include "SharedFilesXpcService/TransferClaims.h"
@@ -30,19 +31,15 @@ Predicate::Argument argumentFor(const WireValue& value) { return Readings::objec
 // The number of "/"-separated components of an entry's "FileName"; 0 without
 // one, as the count of nothing is. Throws ValueError when the entry is not a
 // dictionary or its "FileName" is not text.
-std::size_t depthOf(const Value& entry) {
-  const Value* name = entry.objectForKey("FileName");
-  if (name == nullptr) return 0;
-  if (name->string() == nullptr) {
-    throw ValueError("a shared-files entry's FileName is a " + std::string(name->kindName()));
+std::size_t depthOf(const SharedFilesEntries& list, std::size_t position) {
+  const std::optional<PackedValue> name = list.field(position, "FileName");
+  if (!name) return 0;
+  const std::optional<std::string_view> text = name->text();
+  if (!text) {
+    throw ValueError("a shared-files entry's FileName is a " +
+                     std::string(name->unpacked().kindName()));
   }
-  return static_cast<std::size_t>(std::count(name->string()->begin(), name->string()->end(), '/')) +
-         1;
-}
-
-// Sets `key` of the entry at `position` (a dictionary) to `text`.
-void setAt(Value::Array& list, std::size_t position, const char* key, const char* text) {
-  list[position].mutableDictionary()->insert_or_assign(key, Value(text));
+  return static_cast<std::size_t>(std::count(text->begin(), text->end(), '/')) + 1;
 }
 
 }  // namespace
@@ -189,7 +186,7 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
   Log::line("Owner Computer Process");
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   std::lock_guard changing(SharedFilesList::changing());
-  Value::Array list = SharedFilesList::load(defaults);
+  SharedFilesEntries list(SharedFilesList::loadPacked(defaults));
   const Value::Dictionary prefs = iAppsPrefs();
   // Made at the first owner computer, as the first lookup over the list is.
   std::optional<SharedFilesIndex> byMapping;
@@ -199,27 +196,28 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
     const std::vector<std::size_t> ofMapping = byMapping->positions(list, mapId);
     std::vector<std::size_t> roots;
     for (std::size_t position : ofMapping) {
-      const Value* ownerFileId = list[position].objectForKey("OwnerFileID");
-      if (ownerFileId != nullptr && *ownerFileId == Value("0")) roots.push_back(position);
+      const std::optional<PackedValue> ownerFileId = list.field(position, "OwnerFileID");
+      if (ownerFileId && ownerFileId->text() == "0") roots.push_back(position);
     }
 
     // kept: every entry of the mapping one level deeper than a root entry is
     // blocked, wherever it lies; the folder states unblock the shared ones.
     for (std::size_t root : roots) {
-      const std::size_t depth = depthOf(list[root]);
+      const std::size_t depth = depthOf(list, root);
       for (std::size_t position : ofMapping) {
-        if (depthOf(list[position]) == depth + 1) setAt(list, position, "Blocked", "1");
+        if (depthOf(list, position) == depth + 1) list.setText(position, "Blocked", "1");
       }
     }
 
     if (Readings::integerValue(owner.status) != 1) {
-      for (std::size_t root : roots) setAt(list, root, "Blocked", "1");
+      for (std::size_t root : roots) list.setText(root, "Blocked", "1");
     } else if (!roots.empty()) {
-      for (std::size_t root : roots) setAt(list, root, "Blocked", "0");
+      for (std::size_t root : roots) list.setText(root, "Blocked", "0");
     } else {
       try {
-        list.emplace_back(newRootFolder(owner, prefs));
-        byMapping->added(list.size() - 1, list.back());
+        const Value root = newRootFolder(owner, prefs);
+        byMapping->added(list.size(), root);
+        list.append(root);
       } catch (const ValueError& refused) {
         // A root entry the list could not give back exactly would never match
         // again, and every cycle would make another folder: refused before any
@@ -231,7 +229,9 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
       }
     }
   }
-  SharedFilesList::storePacked(defaults, setSharedFilesDefaultsArray(list));
+  const PackedValue packed = list.packed();
+  setSharedFilesSnapshot(packed);
+  SharedFilesList::storePacked(defaults, packed);
   defaults.synchronize();
 }
 
@@ -287,13 +287,14 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
   setSharedFilesSnapshot(stored);
   // Without folder states nothing changes: the list is not unpacked for them.
   if (stored.count() == 0 || folders.empty()) return;
-  Value::Array list = stored.unpackedArray();
+  SharedFilesEntries list(stored);
   // The list is stored once, after the last folder, instead of after each shared
   // one: nobody reads it in between but this pass. A failure stores what the
   // folders before it changed, as their own stores would have.
   bool changed = false;
   auto keep = [&] {
-    const PackedValue packed = setSharedFilesDefaultsArray(list);
+    const PackedValue packed = list.packed();
+    setSharedFilesSnapshot(packed);
     if (changed) SharedFilesList::storePacked(defaults, packed);
   };
   try {
@@ -303,7 +304,7 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
       const std::vector<std::size_t> matching =
           byOwnerFile->positions(list, argumentFor(folder.fileId));
       if (Readings::integerValue(folder.sharedStatus) != 1) continue;
-      for (std::size_t position : matching) setAt(list, position, "Blocked", "0");
+      for (std::size_t position : matching) list.setText(position, "Blocked", "0");
       changed = true;
     }
   } catch (...) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -71,6 +72,66 @@ TEST(PackedValueTest, OnlyTheSameBytesAreEqualNotAnEqualNumberOfAnotherType) {
                PackedValue(entry("a.txt", "OF1", "S2")));
   EXPECT_FALSE(PackedValue(Value::integer(1)) == PackedValue(Value::boolean(true)));
   EXPECT_EQ(PackedValue(Value::Array{Value("x")}), PackedValue(Value(Value::Array{Value("x")})));
+}
+
+TEST(PackedValueTest, ElementsAndFieldsReadInPlaceAreTheValuesPackedApart) {
+  const Value::Array list = {entry("a.txt", "OF1", "S1"), Value("stray text"),
+                             entry("b.txt", "OF2", "S2")};
+  const PackedValue packed(list);
+  const std::vector<PackedValue> elements = packed.elements();
+  ASSERT_EQ(elements.size(), 3U);
+  EXPECT_EQ(elements[0], PackedValue(entry("a.txt", "OF1", "S1")));
+  EXPECT_EQ(elements[2].unpacked(), entry("b.txt", "OF2", "S2"));
+  EXPECT_EQ(elements[1].text(), "stray text");
+
+  // A field, and what is not there.
+  EXPECT_EQ(elements[2].objectForKey("SavedFileID")->text(), "S2");
+  EXPECT_EQ(elements[2].objectForKey("FileName")->unpacked(),
+            Value("/h/Tallowbox/A (Shared)/b.txt"));
+  EXPECT_FALSE(elements[2].objectForKey("Saved"));
+  EXPECT_FALSE(elements[1].objectForKey("SavedFileID"));
+  EXPECT_FALSE(elements[0].text());
+  EXPECT_TRUE(PackedValue(Value("x")).elements().empty());
+
+  // Joined again, changed or not, as the same list packed whole would be.
+  std::vector<PackedValue> changed = elements;
+  changed[1] = PackedValue(entry("c.txt", "OF3", "S3"));
+  changed.emplace_back();
+  EXPECT_EQ(PackedValue::array(elements), packed);
+  EXPECT_EQ(PackedValue::array(changed),
+            PackedValue(Value::Array{entry("a.txt", "OF1", "S1"), entry("c.txt", "OF3", "S3"),
+                                     entry("b.txt", "OF2", "S2"), Value("")}));
+  EXPECT_EQ(PackedValue::array({}).unpacked(), Value(Value::Array()));
+
+  // A quick test for a text never misses one the value holds.
+  EXPECT_TRUE(elements[2].mayHold("OF2"));
+  EXPECT_FALSE(elements[0].mayHold("OF2"));
+}
+
+TEST(PackedValueTest, ElementsWithFileHandlesAndKeysBeyondTheTableComeBackWhole) {
+  // Handles are numbered within the value that holds them: elements taken from
+  // two values and joined still name their own.
+  const auto in = FileHandle::duplicating(STDIN_FILENO);
+  const auto out = FileHandle::duplicating(STDOUT_FILENO);
+  const PackedValue first(Value::Array{Value(in)});
+  const PackedValue second(Value::Array{Value(out)});
+  const PackedValue joined =
+      PackedValue::array({first.elements().front(), second.elements().front()});
+  const Value back = joined.unpacked();
+  EXPECT_EQ(back.array()->at(0).fileHandle()->get(), in.get());
+  EXPECT_EQ(back.array()->at(1).fileHandle()->get(), out.get());
+
+  // Keys too long for the table, and more distinct keys than it takes, are
+  // packed as their text and read back all the same. (The list's keys are
+  // numbered first, for the tests after this one in the same process.)
+  static_cast<void>(PackedValue(entry("a.txt", "OF1", "S1")));
+  Value::Dictionary many;
+  for (int i = 0; i < 5000; ++i) many.emplace("key-" + std::to_string(i), Value::integer(i));
+  many.emplace(std::string(100, 'k'), "long");
+  const PackedValue packed{Value(many)};
+  EXPECT_EQ(packed.unpacked(), Value(many));
+  EXPECT_EQ(packed.objectForKey(std::string(100, 'k'))->text(), "long");
+  EXPECT_EQ(packed.objectForKey("key-4999")->unpacked(), Value::integer(4999));
 }
 
 }  // namespace

@@ -61,7 +61,7 @@ TEST(EntryPlacementTest, LocalPathFollowsTheListAndInheritsThePathOfTheEntryBefo
                                                      {"Blocked", "1"}})};
   auto product = []() -> std::string { return "/h/Tallowbox"; };
   auto placed = [&](const RecFileFromTransfer& file, const std::string& before) {
-    return EntryPlacement::of(file, list, product, before);
+    return EntryPlacement::of(file, SharedFilesEntries(list), product, before);
   };
   // In the owner's root folder, and in a folder of it.
   EXPECT_EQ(placed(received({{"ChangeType", "1"},
@@ -120,8 +120,8 @@ TEST(EntryPlacementTest, LocalPathFollowsTheListAndInheritsThePathOfTheEntryBefo
 }
 
 TEST(EntryPlacementTest, ProductFolderThatCannotBeWorkedOutEndsOnlyTheEntriesThatNeedIt) {
-  const Value::Array list = {Value(Value::Dictionary{
-      {"OwnerFileID", "71"}, {"FileName", "/h/Tallowbox/Ann (Shared)/Docs"}, {"Blocked", "0"}})};
+  const SharedFilesEntries list(Value::Array{Value(Value::Dictionary{
+      {"OwnerFileID", "71"}, {"FileName", "/h/Tallowbox/Ann (Shared)/Docs"}, {"Blocked", "0"}})});
   auto unusable = []() -> std::string { throw ValueError("tallowboxPathKey holds a number"); };
   // From the list, and from the server's file table: placed.
   EXPECT_EQ(EntryPlacement::of(received({{"ChangeType", "1"},

@@ -9,7 +9,8 @@
 // Creation must give a predicate or throw std::invalid_argument, and a format
 // reads with one count of arguments only; evaluation must give an answer or throw
 // ValueError, always ValueError for something that is not a dictionary; the
-// filtered list must be the entries evaluation accepts, in order. Anything else
+// filtered list must be the entries evaluation accepts, in order, and the same
+// lookup over the list kept packed must find the same. Anything else
 // (a crash, another exception, undefined behaviour) is a finding.
 #include <charconv>
 #include <cstddef>
@@ -20,8 +21,10 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/Predicate.h"
 #include "Platform/ValueError.h"
+#include "SharedFilesXpcService/SharedFilesEntries.h"
 
 namespace {
 
@@ -103,6 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Value::Array entries = entriesFor(arguments);
 
   const std::size_t count = arguments.size();
+  const std::vector<Predicate::Argument> copies = arguments;
   std::optional<Predicate> predicate;
   try {
     predicate.emplace(format, std::move(arguments));
@@ -128,6 +132,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     const Value::Array filtered = predicate->filteredArray(entries);
     if (refused || filtered != accepted) __builtin_trap();
+  } catch (const ValueError&) {
+    if (!refused) __builtin_trap();
+  }
+  try {
+    const Value::Array found = SharedFilesEntries(PackedValue(entries)).filter(format, copies);
+    if (refused || found != accepted) __builtin_trap();
   } catch (const ValueError&) {
     if (!refused) __builtin_trap();
   }

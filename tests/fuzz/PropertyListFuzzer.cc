@@ -1,7 +1,9 @@
 // Feeds arbitrary bytes to the property-list reader, as a preference suite read
 // from disk, XML or binary. Reading must give a value or nothing. What it reads
 // is a value a property list holds: it must be written as XML without an error,
-// and that XML read back as the same value, as far as XML carries it. Anything
+// and that XML read back as the same value, as far as XML carries it. Packed, it
+// must unpack to the same bytes, and its elements and fields, read in place, must
+// be those of the value packed apart. Anything
 // else (a crash, an exception, a leak, undefined behaviour, a stall) is a finding.
 #include <cmath>
 #include <cstddef>
@@ -9,7 +11,9 @@
 #include <optional>
 #include <string_view>
 #include <variant>
+#include <vector>
 
+#include "Platform/PackedValue.h"
 #include "Platform/PropertyList.h"
 
 namespace {
@@ -51,6 +55,30 @@ bool sameAsWritten(const Value& value, const Value& back) {
   return value == back;  // strings and data, byte for byte
 }
 
+// Whether the packed value, and each element or field read in place, is what
+// packing its parts apart gives; packing is exact, so equal bytes are expected.
+bool packsInPlace(const Value& value) {
+  const PackedValue packed(value);
+  if (!(PackedValue(packed.unpacked()) == packed)) return false;
+  if (const Value::Array* array = value.array()) {
+    const std::vector<PackedValue> elements = packed.elements();
+    if (elements.size() != array->size() || !(PackedValue::array(elements) == packed)) return false;
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+      if (!(elements[i] == PackedValue((*array)[i]))) return false;
+    }
+  }
+  if (const Value::Dictionary* dictionary = value.dictionary()) {
+    for (const auto& [key, element] : *dictionary) {
+      const std::optional<PackedValue> found = packed.objectForKey(key);
+      if (!found || !(*found == PackedValue(element))) return false;
+    }
+  }
+  if (const std::string* text = value.string()) {
+    if (packed.text() != std::string_view(*text)) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -59,5 +87,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!value) return 0;
   const std::optional<Value> back = PropertyList::parse(PropertyList::xml(*value));
   if (!back || !sameAsWritten(*value, *back)) __builtin_trap();
+  if (!packsInPlace(*value)) __builtin_trap();
   return 0;
 }
