@@ -258,7 +258,8 @@ class Cursor {
         return;
       case kDictionary:
         for (std::size_t n = count(); n > 0; --n) {
-          key();
+          // A numbered key is only its number; a key written out, its text.
+          if (const std::size_t key = count(); (key & 1U) == 0) take(key / 2);
           skip();
         }
         return;
@@ -564,7 +565,12 @@ std::optional<std::string_view> PackedValue::text() const {
 }
 
 bool PackedValue::mayHold(std::string_view text) const {
-  return bytes().find(text) != std::string_view::npos;
+  const std::string_view packed = bytes();
+  // memmem is the quicker for short texts; for long ones, over a short value,
+  // its set-up costs more than the search.
+  if (text.size() > 16) return packed.find(text) != std::string_view::npos;
+  return text.empty() ||
+         ::memmem(packed.data(), packed.size(), text.data(), text.size()) != nullptr;
 }
 
 bool PackedValue::operator==(const PackedValue& other) const {
