@@ -5,7 +5,6 @@
 #include "Platform/UserDefaults.h"
 
 Value::Dictionary ApplicationPreferences::refresh() {
-  set({});
   Value::Dictionary prefs = UserDefaults::persistentDomainForName(kSuiteName);
   set(prefs);
   return prefs;

@@ -12,7 +12,9 @@ class ApplicationPreferences {
  public:
   static constexpr const char* kSuiteName = "Quentara.Tallowbox";
 
-  // Empties the snapshot, then reads the suite afresh; gives what was read.
+  // Reads the suite afresh and makes it the snapshot in one step; gives what was
+  // read. A reader on another queue gets the old snapshot or the new one, never
+  // an empty one: an error report refreshes it while a query is being made.
   Value::Dictionary refresh();
   Value::Dictionary snapshot() const;
   void set(Value::Dictionary prefs);
