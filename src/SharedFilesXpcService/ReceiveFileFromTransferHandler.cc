@@ -521,8 +521,9 @@ Value::Array ReceiveFileFromTransferHandler::sharedFilesDefaultsArray() const {
   return packed.unpackedArray();
 }
 
-PackedValue ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(const Value::Array& list) {
-  PackedValue packed(list);
+PackedValue ReceiveFileFromTransferHandler::setSharedFilesDefaultsArray(
+    const SharedFilesEntries& list) {
+  PackedValue packed = list.packed();
   setSharedFilesSnapshot(packed);
   return packed;
 }
@@ -533,9 +534,8 @@ SharedFilesEntries ReceiveFileFromTransferHandler::sharedFilesEntries() const {
 }
 
 void ReceiveFileFromTransferHandler::storeSharedFiles(const SharedFilesEntries& list) {
-  const PackedValue packed = list.packed();
-  setSharedFilesSnapshot(packed);
-  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(), packed);
+  SharedFilesList::storePacked(UserDefaults::standardUserDefaults(),
+                               setSharedFilesDefaultsArray(list));
 }
 
 void ReceiveFileFromTransferHandler::setSharedFilesSnapshot(PackedValue list) {

@@ -110,7 +110,7 @@ class ReceiveFileFromTransferHandler
   void notifyArrived() const;
   std::shared_ptr<ReceiveFileFromTransferDelegate> delegate() const;
   // Keeps `list` as the snapshot, and gives it back packed.
-  PackedValue setSharedFilesDefaultsArray(const Value::Array& list);
+  PackedValue setSharedFilesDefaultsArray(const SharedFilesEntries& list);
   // The same for a list already packed.
   void setSharedFilesSnapshot(PackedValue list);
   // The snapshot's entries, read in place.

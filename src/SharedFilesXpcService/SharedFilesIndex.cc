@@ -1,29 +1,16 @@
 #include "SharedFilesXpcService/SharedFilesIndex.h"
 
-#include "Platform/ValueError.h"
-
 SharedFilesIndex::SharedFilesIndex(const SharedFilesEntries& list, std::string key)
     : key_(std::move(key)) {
-  for (std::size_t position = 0; position < list.size(); ++position) {
-    const std::optional<PackedValue> value = list.field(position, key_);
-    if (!value) {
-      withoutKey_.push_back(position);
-    } else if (const std::optional<std::string_view> text = value->text()) {
-      byText_[std::string(*text)].push_back(position);
-    }
-  }
+  for (std::size_t position = 0; position < list.size(); ++position) added(list, position);
 }
 
-void SharedFilesIndex::added(std::size_t position, const Value& entry) {
-  if (entry.dictionary() == nullptr) {
-    throw ValueError("a shared-files entry is a " + std::string(entry.kindName()) +
-                     ", not a dictionary");
-  }
-  const Value* value = entry.objectForKey(key_);
-  if (value == nullptr) {
+void SharedFilesIndex::added(const SharedFilesEntries& list, std::size_t position) {
+  const std::optional<PackedValue> value = list.field(position, key_);
+  if (!value) {
     withoutKey_.push_back(position);
-  } else if (const std::string* text = value->string()) {
-    byText_[*text].push_back(position);
+  } else if (const std::optional<std::string_view> text = value->text()) {
+    byText_[std::string(*text)].push_back(position);
   }
 }
 

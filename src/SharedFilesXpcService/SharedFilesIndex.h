@@ -24,8 +24,8 @@ class SharedFilesIndex {
   // appending entries that were added) whose key equals `value`, in list order.
   std::vector<std::size_t> positions(const SharedFilesEntries& list,
                                      const Predicate::Argument& value) const;
-  // Takes in the entry just appended at `position`.
-  void added(std::size_t position, const Value& entry);
+  // Takes in the entry of `list` at `position`, just appended.
+  void added(const SharedFilesEntries& list, std::size_t position);
 
  private:
   std::string key_;

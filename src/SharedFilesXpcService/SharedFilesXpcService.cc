@@ -215,9 +215,8 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
       for (std::size_t root : roots) list.setText(root, "Blocked", "0");
     } else {
       try {
-        const Value root = newRootFolder(owner, prefs);
-        byMapping->added(list.size(), root);
-        list.append(root);
+        list.append(newRootFolder(owner, prefs));
+        byMapping->added(list, list.size() - 1);
       } catch (const ValueError& refused) {
         // A root entry the list could not give back exactly would never match
         // again, and every cycle would make another folder: refused before any
@@ -229,9 +228,7 @@ void SharedFilesXpcService::ProcessOwnerComputers(const std::vector<OwnerCompute
       }
     }
   }
-  const PackedValue packed = list.packed();
-  setSharedFilesSnapshot(packed);
-  SharedFilesList::storePacked(defaults, packed);
+  SharedFilesList::storePacked(defaults, setSharedFilesDefaultsArray(list));
   defaults.synchronize();
 }
 
@@ -293,8 +290,7 @@ void SharedFilesXpcService::ProcessSharedFoldersWithStatus(
   // folders before it changed, as their own stores would have.
   bool changed = false;
   auto keep = [&] {
-    const PackedValue packed = list.packed();
-    setSharedFilesSnapshot(packed);
+    const PackedValue packed = setSharedFilesDefaultsArray(list);
     if (changed) SharedFilesList::storePacked(defaults, packed);
   };
   try {
@@ -365,8 +361,8 @@ Value::Array SharedFilesXpcService::sharedFilesDefaultsArray() const {
   return packed.unpackedArray();
 }
 
-PackedValue SharedFilesXpcService::setSharedFilesDefaultsArray(const Value::Array& array) {
-  PackedValue packed(array);
+PackedValue SharedFilesXpcService::setSharedFilesDefaultsArray(const SharedFilesEntries& list) {
+  PackedValue packed = list.packed();
   setSharedFilesSnapshot(packed);
   return packed;
 }

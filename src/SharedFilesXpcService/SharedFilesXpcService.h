@@ -18,6 +18,7 @@
 #include "SharedFilesXpcService/ReceiveFileFromTransferHandler.h"
 #include "SharedFilesXpcService/SendFileToTransferDelegate.h"
 #include "SharedFilesXpcService/SendFileToTransferHandler.h"
+#include "SharedFilesXpcService/SharedFilesEntries.h"
 #include "SharedFilesXpcService/SharedFilesXpcServiceProtocol.h"
 #include "SharedFilesXpcService/TransferClaims.h"
 
@@ -96,8 +97,8 @@ class SharedFilesXpcService : public SharedFilesXpcServiceProtocol,
   Value::Dictionary iAppsPrefs() const;
 
   Value::Array sharedFilesDefaultsArray() const;
-  // Keeps `array` as the snapshot, and gives it back packed.
-  PackedValue setSharedFilesDefaultsArray(const Value::Array& array);
+  // Keeps `list` as the snapshot, and gives it back packed.
+  PackedValue setSharedFilesDefaultsArray(const SharedFilesEntries& list);
   // The same for a list already packed.
   void setSharedFilesSnapshot(PackedValue array);
 

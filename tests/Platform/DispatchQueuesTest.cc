@@ -135,7 +135,7 @@ TEST(DispatchQueuesTest, CycleChainsAndNotifiesFromManyThreadsShareTheServiceSaf
       });
       queues.dispatchAsync([&] {
         service->ReceiveFileNotify();
-        service->setSharedFilesDefaultsArray({Value("x")});
+        service->setSharedFilesDefaultsArray(SharedFilesEntries(Value::Array{Value("x")}));
         done.arrive();
       });
     }
